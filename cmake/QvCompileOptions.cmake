@@ -1,0 +1,29 @@
+# Compiler settings shared by every target of the project.
+
+# Warnings are errors on our own code only; third-party headers come in as system includes.
+function(qv_strict_warnings target)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Werror)
+endfunction()
+
+# __FILE__ in log lines is the path inside the repository ("common_utilities/qv_sqlite.cpp"),
+# not the absolute path of whoever built it.
+add_compile_options("-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=")
+
+if(QV_SANITIZE)
+    string(REPLACE "," ";" _qv_sanitizers "${QV_SANITIZE}")
+    foreach(_s IN LISTS _qv_sanitizers)
+        if(NOT _s MATCHES "^(address|undefined|thread)$")
+            message(FATAL_ERROR "QV_SANITIZE: unknown sanitizer '${_s}'")
+        endif()
+    endforeach()
+    if("thread" IN_LIST _qv_sanitizers AND "address" IN_LIST _qv_sanitizers)
+        message(FATAL_ERROR "QV_SANITIZE: thread and address cannot be combined")
+    endif()
+    set(_qv_flags "-fsanitize=${QV_SANITIZE}" -fno-omit-frame-pointer -g)
+    if("undefined" IN_LIST _qv_sanitizers)
+        # A finding must fail the test, not scroll by in its output.
+        list(APPEND _qv_flags -fno-sanitize-recover=all)
+    endif()
+    add_compile_options(${_qv_flags})
+    add_link_options("-fsanitize=${QV_SANITIZE}")
+endif()

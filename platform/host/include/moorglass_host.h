@@ -1,0 +1,59 @@
+/*
+ * moorglass_host.h: controls of the host stand-in of the platform, for tests and tools only.
+ * Nothing here exists on the device; the library itself never includes this header.
+ *
+ * State that other processes must see (the card, the profile, the recorded system commands) is
+ * kept in files under the host state directory, "/var/run/moorglass-host" unless the environment
+ * variable QV_HOST_STATE_DIR names another. Inside the device sandbox that directory is private
+ * to the sandbox and starts empty.
+ */
+#ifndef MOORGLASS_HOST_H
+#define MOORGLASS_HOST_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Log capture (this process) ---------------------------------------------------------- */
+
+/* Receives every log line of this process, whatever the level filter of the standard error
+ * stream. `module` is NULL for qv_print_log2. May be called from any thread. */
+typedef void (*qvhost_log_sink)(void* user, int level, const char* module, const char* file,
+                                int line, const char* function, const char* message);
+/* Installs a sink (NULL removes it); one at a time. */
+void qvhost_set_log_sink(qvhost_log_sink sink, void* user);
+/* The level up to which lines reach the standard error stream (0 silences it). Taken from the
+ * environment variable QV_LOG_LEVEL at load, default 2 (errors and warnings). */
+void qvhost_set_log_level(int level);
+int qvhost_log_level(void);
+
+/* ---- System channel (all processes) ------------------------------------------------------- */
+
+/* Every mg_ipc_cmd and mg_ipc_request call is appended to "ipc.log" in the state directory, one
+ * line each: "cmd <cmd> <arg> <pid>" or "request <cmd> <arg> <pid>". */
+/* Path of that log (a static buffer). */
+const char* qvhost_ipc_log_path(void);
+/* Counts recorded calls of command `cmd` (requests included); 0 when nothing was recorded. */
+int qvhost_ipc_count(int cmd);
+/* Forgets the recorded calls. */
+void qvhost_ipc_clear(void);
+
+/* ---- Device profile (all processes; libboardprofile.so) ----------------------------------- */
+
+/* Puts the card in (non-zero) or takes it out. */
+void qvhost_set_card_inserted(int inserted);
+/* Sets the serial number the card reports (hexadecimal text); NULL or "" makes it unreadable. */
+void qvhost_set_card_serial(const char* serial_hex);
+void qvhost_set_partner(int partner_id);
+void qvhost_set_native_auth(int supported);
+void qvhost_set_device_flag(int flag, int value);
+void qvhost_set_software_version(const char* version);
+void qvhost_set_device_model(const char* model);
+/* Path of the profile file (a static buffer): key=value lines that override the host defaults. */
+const char* qvhost_profile_path(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* MOORGLASS_HOST_H */

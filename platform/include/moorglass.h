@@ -1,0 +1,134 @@
+/*
+ * moorglass.h: the platform library of the device, as the common utility library sees it.
+ *
+ * The device ships its own libmoorglass.so. This header declares the part of it that
+ * libcommon_utilities.so calls, with C linkage, so that the same library code links against the
+ * device's platform and against the host stand-in in platform/host/.
+ *
+ * Conventions: strings are UTF-8 and NUL-terminated; a function that hands back a `char*`
+ * documents who frees it; "0 is success" unless said otherwise.
+ */
+#ifndef MOORGLASS_H
+#define MOORGLASS_H
+
+#include <dirent.h>
+#include <stddef.h>
+#include <sys/types.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------------------------------ */
+/* Logging                                                                                     */
+/* ------------------------------------------------------------------------------------------ */
+
+/* Levels: 1 error, 2 warning, 3 notable progress, 4 state changes and information, 5 trace. */
+enum { QV_LOG_ERROR = 1, QV_LOG_WARNING = 2, QV_LOG_NOTICE = 3, QV_LOG_INFO = 4, QV_LOG_TRACE = 5 };
+
+/* Identifier of the current process; every log format begins with "[pid:%d]" fed from here. */
+extern int g_process_pid;
+
+/* `file` is the source unit path, `line` the line in it, `function` the caller's full
+ * signature; the rest is printf-style. */
+void qv_print_log2(int level, const char* file, int line, const char* function, const char* format,
+                   ...) __attribute__((format(printf, 5, 6)));
+void qv_print_log2_with_module(int level, const char* module, const char* file, int line,
+                               const char* function, const char* format, ...)
+    __attribute__((format(printf, 6, 7)));
+
+/* ------------------------------------------------------------------------------------------ */
+/* Configuration files                                                                         */
+/* ------------------------------------------------------------------------------------------ */
+
+/* One node of a hash chain: key text, value text, next node. */
+typedef struct ihash_item_s {
+    char* key;
+    char* value;
+    struct ihash_item_s* next;
+} ihash_item;
+
+/* A hash table: the bucket count in the first word, the bucket array in the fifth. */
+typedef struct ihash_s {
+    int size;   /* number of buckets */
+    long count; /* number of nodes */
+    long reserved1;
+    long reserved2;
+    ihash_item** items; /* `size` buckets, each a chain of nodes or NULL */
+} ihash;
+
+/* An open configuration file. The three tables are readable by anyone who walks an `ihash`;
+ * everything else is the platform's own. */
+typedef struct iconfig_s {
+    void* priv;     /* platform-private state */
+    ihash* values;  /* plain entries, as last loaded or saved */
+    ihash* secrets; /* secret entries, in clear text */
+    ihash* changes; /* plain entries written since the last load or save */
+} iconfig;
+
+/* Opens the file at `path` (`mode` is 0). A missing or unreadable file gives an empty store that
+ * a save creates; NULL only for a NULL or empty path. */
+iconfig* OpenConfig(const char* path, int mode);
+/* Saves, then closes. */
+void CloseConfig(iconfig* cfg);
+/* Closes without saving. */
+void CloseConfigNoSave(iconfig* cfg);
+/* Writes the file; 0 on success, -1 on failure. */
+int SaveConfig(iconfig* cfg);
+/* Reloads the file; the platform may replace `*cfg`. Unsaved changes of this handle are kept. */
+void RefreshConfig(iconfig** cfg);
+
+/* The returned strings stay valid until the next write, refresh or close of the handle. */
+const char* ReadString(iconfig* cfg, const char* key, const char* default_value);
+const char* ReadSecret(iconfig* cfg, const char* key, const char* default_value);
+int ReadInt(iconfig* cfg, const char* key, int default_value);
+void WriteString(iconfig* cfg, const char* key, const char* value);
+void WriteSecret(iconfig* cfg, const char* key, const char* value);
+void WriteInt(iconfig* cfg, const char* key, int value);
+void DeleteString(iconfig* cfg, const char* key);
+
+/* The global settings of the running application ("/mnt/ext1/system/config/global.cfg"), or
+ * NULL. Owned by the platform: never close it. */
+iconfig* GetGlobalConfig(void);
+
+/* ------------------------------------------------------------------------------------------ */
+/* Portable file and text helpers                                                              */
+/* ------------------------------------------------------------------------------------------ */
+
+/* Makes the parent directories of `path` (not `path` itself); 0 on success. */
+int mg_buildpath(const char* path);
+int mg_access(const char* path, int mode);
+int mg_unlink(const char* path);
+int mg_mkdir(const char* path, mode_t mode);
+DIR* mg_opendir(const char* path);
+struct dirent* mg_readdir(DIR* dir);
+int mg_closedir(DIR* dir);
+/* Case-insensitive comparisons over Unicode case folding; `n` counts bytes. */
+int mg_strcasecmp(const char* a, const char* b);
+int mg_strncasecmp(const char* a, const char* b, size_t n);
+/* Copies a file, creating or replacing the target; 1 is success, 0 failure. */
+int copy_file(const char* from, const char* to);
+/* Converts `source` from `encoding` (a code page number such as "1251", or any name the system
+ * knows, such as "KOI8-R") to UTF-8 in `destination`, always terminated within `size` bytes.
+ * Returns the length written, or -1 when the conversion is unknown or impossible. */
+int convert_to_utf(const char* source, char* destination, int size, const char* encoding);
+/* Full Unicode case mapping of UTF-8 text. The result is allocated with malloc and freed by the
+ * caller; NULL on failure (invalid UTF-8, no memory). */
+char* utf_tolower_ext(const char* text);
+char* utf_toupper_ext(const char* text);
+
+/* ------------------------------------------------------------------------------------------ */
+/* System channel                                                                              */
+/* ------------------------------------------------------------------------------------------ */
+
+/* Sends command `cmd` with argument `arg` to the device shell; 0 when delivered. */
+int mg_ipc_cmd(int cmd, int arg);
+/* A request with a reply: `buffer` holds `input_length` bytes of input and receives the reply,
+ * at most `capacity` bytes. 260 encrypts a text, 261 decrypts it. 0 on success. */
+int mg_ipc_request(int cmd, int arg, void* buffer, int input_length, int capacity);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* MOORGLASS_H */
