@@ -49,26 +49,31 @@ enum : int {
 // the condition holds (`QV_RETURN_IF(!value, QV_INVAL)`), _UNLESS when it does not
 // (`QV_RETURN_UNLESS(stream.good(), QV_FAILED)`).
 
+// Every macro below stringifies its own arguments: a condition handed on to another macro would
+// have its macros expanded first ("MAX_INT16" turning into "32767").
+#define QV_CONDITION_LINE_(cond_text, result_text, ...) \
+    QV_LOG_ERROR("Condition: \"" cond_text "\", return(\"" result_text "\")]" __VA_ARGS__)
+
 // Log only: `[pid:%d]Condition: "<cond>", return("<result>")]<message>`; true when it fired.
-#define QV_REPORT_IF(cond, result, ...)                                                           \
-    ((cond)                                                                                       \
-         ? (QV_LOG_ERROR("Condition: \"" #cond "\", return(\"" #result "\")]" __VA_ARGS__), true) \
-         : false)
-#define QV_REPORT_UNLESS(cond, result, ...)                                                       \
-    (!(cond)                                                                                      \
-         ? (QV_LOG_ERROR("Condition: \"" #cond "\", return(\"" #result "\")]" __VA_ARGS__), true) \
-         : false)
+#define QV_REPORT_IF(cond, result, ...) \
+    ((cond) ? (QV_CONDITION_LINE_(#cond, #result, ##__VA_ARGS__), true) : false)
+#define QV_REPORT_UNLESS(cond, result, ...) \
+    (!(cond) ? (QV_CONDITION_LINE_(#cond, #result, ##__VA_ARGS__), true) : false)
 
 // Log and return `result`.
-#define QV_RETURN_IF(cond, result, ...)                \
-    do {                                               \
-        if (QV_REPORT_IF(cond, result, ##__VA_ARGS__)) \
-            return result;                             \
+#define QV_RETURN_IF(cond, result, ...)                        \
+    do {                                                       \
+        if (cond) {                                            \
+            QV_CONDITION_LINE_(#cond, #result, ##__VA_ARGS__); \
+            return result;                                     \
+        }                                                      \
     } while (0)
-#define QV_RETURN_UNLESS(cond, result, ...)                \
-    do {                                                   \
-        if (QV_REPORT_UNLESS(cond, result, ##__VA_ARGS__)) \
-            return result;                                 \
+#define QV_RETURN_UNLESS(cond, result, ...)                    \
+    do {                                                       \
+        if (!(cond)) {                                         \
+            QV_CONDITION_LINE_(#cond, #result, ##__VA_ARGS__); \
+            return result;                                     \
+        }                                                      \
     } while (0)
 
 // Log `[pid:%d]Condition: "<cond>", return]<message>` and return from a void function.

@@ -24,8 +24,7 @@ std::string ProfileValue(const char* key, const char* fallback) {
 
 int ProfileInt(const char* key, int fallback) {
     std::string text = ProfileValue(key, "");
-    if (text.empty())
-        return fallback;
+    if (text.empty()) return fallback;
     return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
 }
 
@@ -71,8 +70,7 @@ int IsSDinserted(void) {
 }
 
 const char* GetExternalCardSerialNumber(void) {
-    if (!IsSDinserted())
-        return nullptr;
+    if (!IsSDinserted()) return nullptr;
     thread_local std::string slot;
     std::string serial = ProfileValue("card_serial", "");
     return serial.empty() ? nullptr : Keep(slot, serial);

@@ -81,11 +81,9 @@ public:
     }
 
     int Save() {
-        if (pending_.empty())
-            return 0;
+        if (pending_.empty()) return 0;
         auto text = qvhost::SaveConfigText(path_, [this](ConfigDocument& doc) { Apply(doc); });
-        if (!text)
-            return -1;
+        if (!text) return -1;
         pending_.clear();
         changes_.Clear();
         loaded_ = FileSignature::Of(path_);
@@ -181,8 +179,7 @@ bool IsGlobal(const ConfigHandle* handle) {
 template <typename Fn, typename R>
 R WithHandle(iconfig* cfg, R fallback, Fn fn) {
     ConfigHandle* handle = ConfigHandle::From(cfg);
-    if (!handle)
-        return fallback;
+    if (!handle) return fallback;
     std::lock_guard<std::mutex> lock(handle->mutex());
     return fn(*handle);
 }
@@ -190,8 +187,7 @@ R WithHandle(iconfig* cfg, R fallback, Fn fn) {
 template <typename Fn>
 void WithHandle(iconfig* cfg, Fn fn) {
     ConfigHandle* handle = ConfigHandle::From(cfg);
-    if (!handle)
-        return;
+    if (!handle) return;
     std::lock_guard<std::mutex> lock(handle->mutex());
     fn(*handle);
 }
@@ -202,8 +198,7 @@ bool Usable(const char* key) {
 
 // The leading integer of the text, as atoi reads it; the default when there is none.
 int ParseInt(const char* text, int default_value) {
-    if (!text)
-        return default_value;
+    if (!text) return default_value;
     char* end = nullptr;
     long value = std::strtol(text, &end, 10);
     return end == text ? default_value : static_cast<int>(value);
@@ -214,24 +209,20 @@ int ParseInt(const char* text, int default_value) {
 extern "C" {
 
 iconfig* OpenConfig(const char* path, int /*mode*/) {
-    if (!path || !*path)
-        return nullptr;
+    if (!path || !*path) return nullptr;
     return (new ConfigHandle(path))->api();
 }
 
 void CloseConfig(iconfig* cfg) {
     ConfigHandle* handle = ConfigHandle::From(cfg);
-    if (!handle)
-        return;
+    if (!handle) return;
     SaveConfig(cfg);
-    if (!IsGlobal(handle))
-        delete handle;
+    if (!IsGlobal(handle)) delete handle;
 }
 
 void CloseConfigNoSave(iconfig* cfg) {
     ConfigHandle* handle = ConfigHandle::From(cfg);
-    if (handle && !IsGlobal(handle))
-        delete handle;
+    if (handle && !IsGlobal(handle)) delete handle;
 }
 
 int SaveConfig(iconfig* cfg) {
@@ -239,14 +230,12 @@ int SaveConfig(iconfig* cfg) {
 }
 
 void RefreshConfig(iconfig** cfg) {
-    if (!cfg)
-        return;
+    if (!cfg) return;
     WithHandle(*cfg, [](ConfigHandle& h) { h.Reload(); });
 }
 
 const char* ReadString(iconfig* cfg, const char* key, const char* default_value) {
-    if (!key)
-        return default_value;
+    if (!key) return default_value;
     return WithHandle(cfg, default_value, [&](ConfigHandle& h) {
         const char* value = h.Plain(key);
         return value ? value : default_value;
@@ -254,32 +243,27 @@ const char* ReadString(iconfig* cfg, const char* key, const char* default_value)
 }
 
 const char* ReadSecret(iconfig* cfg, const char* key, const char* default_value) {
-    if (!key)
-        return default_value;
+    if (!key) return default_value;
     return WithHandle(cfg, default_value, [&](ConfigHandle& h) {
         const char* value = h.Secret(key);
-        if (!value)
-            value = h.Plain(key);  // a value saved before it became secret
+        if (!value) value = h.Plain(key);  // a value saved before it became secret
         return value ? value : default_value;
     });
 }
 
 int ReadInt(iconfig* cfg, const char* key, int default_value) {
-    if (!key)
-        return default_value;
+    if (!key) return default_value;
     return WithHandle(cfg, default_value,
                       [&](ConfigHandle& h) { return ParseInt(h.Plain(key), default_value); });
 }
 
 void WriteString(iconfig* cfg, const char* key, const char* value) {
-    if (!Usable(key))
-        return;
+    if (!Usable(key)) return;
     WithHandle(cfg, [&](ConfigHandle& h) { h.WritePlain(key, value ? value : ""); });
 }
 
 void WriteSecret(iconfig* cfg, const char* key, const char* value) {
-    if (!Usable(key))
-        return;
+    if (!Usable(key)) return;
     WithHandle(cfg, [&](ConfigHandle& h) { h.WriteSecret(key, value ? value : ""); });
 }
 
@@ -288,8 +272,7 @@ void WriteInt(iconfig* cfg, const char* key, int value) {
 }
 
 void DeleteString(iconfig* cfg, const char* key) {
-    if (!Usable(key))
-        return;
+    if (!Usable(key)) return;
     WithHandle(cfg, [&](ConfigHandle& h) { h.Delete(key); });
 }
 
@@ -301,8 +284,7 @@ iconfig* GetGlobalConfig(void) {
     }
     // The application's settings follow the file: another process may have saved it.
     std::lock_guard<std::mutex> handle_lock(g_global->mutex());
-    if (!(FileSignature::Of(kGlobalConfigPath) == g_global->loaded()))
-        g_global->Reload();
+    if (!(FileSignature::Of(kGlobalConfigPath) == g_global->loaded())) g_global->Reload();
     return g_global->api();
 }
 

@@ -25,6 +25,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace qvhost {
@@ -41,7 +42,8 @@ public:
     static ConfigDocument Parse(const std::string& text);
     std::string Render() const;
 
-    // Calls `visit` for every entry in file order, later duplicates included.
+    // Calls `visit` for every entry in file order. Of a key that stands twice only the last
+    // occurrence counts, and only it is kept when the document is rendered again.
     void ForEach(
         const std::function<void(const std::string& key, const ConfigValue&)>& visit) const;
     void Set(const std::string& key, const ConfigValue& value);
@@ -51,8 +53,12 @@ private:
     struct Line {
         std::string key;  // empty for a line that holds no entry
         std::string raw;  // the value as written, or the whole line when there is no entry
+        bool removed = false;
     };
+    void Add(Line line);
+
     std::vector<Line> lines_;
+    std::unordered_map<std::string, size_t> index_;  // key -> its live line
 };
 
 // A key a file can hold: not empty, no "=", no line break, no blank at either end.

@@ -20,8 +20,7 @@ size_t Fnv1a(const std::string& key) {
 
 char* CopyText(const std::string& text) {
     char* copy = static_cast<char*>(std::malloc(text.size() + 1));
-    if (!copy)
-        throw std::bad_alloc();
+    if (!copy) throw std::bad_alloc();
     std::memcpy(copy, text.c_str(), text.size() + 1);
     return copy;
 }
@@ -41,8 +40,7 @@ void FreeChain(ihash_item* item) {
 HashTable::HashTable() {
     hash_.size = kInitialBuckets;
     hash_.items = static_cast<ihash_item**>(std::calloc(kInitialBuckets, sizeof(ihash_item*)));
-    if (!hash_.items)
-        throw std::bad_alloc();
+    if (!hash_.items) throw std::bad_alloc();
 }
 
 HashTable::~HashTable() {
@@ -56,8 +54,7 @@ ihash_item** HashTable::BucketOf(const std::string& key) const {
 
 const char* HashTable::Find(const std::string& key) const {
     for (ihash_item* item = *BucketOf(key); item; item = item->next) {
-        if (key == item->key)
-            return item->value;
+        if (key == item->key) return item->value;
     }
     return nullptr;
 }
@@ -65,28 +62,24 @@ const char* HashTable::Find(const std::string& key) const {
 void HashTable::Set(const std::string& key, const std::string& value) {
     ihash_item** bucket = BucketOf(key);
     for (ihash_item* item = *bucket; item; item = item->next) {
-        if (key != item->key)
-            continue;
+        if (key != item->key) continue;
         char* copy = CopyText(value);
         std::free(item->value);
         item->value = copy;
         return;
     }
     auto* item = static_cast<ihash_item*>(std::malloc(sizeof(ihash_item)));
-    if (!item)
-        throw std::bad_alloc();
+    if (!item) throw std::bad_alloc();
     item->key = CopyText(key);
     item->value = CopyText(value);
     item->next = *bucket;
     *bucket = item;
-    if (++hash_.count > 2L * hash_.size)
-        Grow();
+    if (++hash_.count > 2L * hash_.size) Grow();
 }
 
 void HashTable::Remove(const std::string& key) {
     for (ihash_item** link = BucketOf(key); *link; link = &(*link)->next) {
-        if (key != (*link)->key)
-            continue;
+        if (key != (*link)->key) continue;
         ihash_item* item = *link;
         *link = item->next;
         item->next = nullptr;
@@ -108,8 +101,7 @@ void HashTable::Grow() {
     int size = hash_.size * 4;
     auto* items =
         static_cast<ihash_item**>(std::calloc(static_cast<size_t>(size), sizeof(ihash_item*)));
-    if (!items)
-        return;  // a full table still works, only slower
+    if (!items) return;  // a full table still works, only slower
     for (int i = 0; i < hash_.size; ++i) {
         for (ihash_item* item = hash_.items[i]; item;) {
             ihash_item* next = item->next;

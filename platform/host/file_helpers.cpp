@@ -17,11 +17,9 @@ namespace {
 // Makes `dir` and its parents; existing directories are fine.
 int MakeDirectories(const std::string& dir) {
     for (size_t pos = 1; pos <= dir.size(); ++pos) {
-        if (pos != dir.size() && dir[pos] != '/')
-            continue;
+        if (pos != dir.size() && dir[pos] != '/') continue;
         std::string part = dir.substr(0, pos);
-        if (::mkdir(part.c_str(), 0777) != 0 && errno != EEXIST)
-            return -1;
+        if (::mkdir(part.c_str(), 0777) != 0 && errno != EEXIST) return -1;
     }
     struct stat st {};
     return (::stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) ? 0 : -1;
@@ -30,10 +28,8 @@ int MakeDirectories(const std::string& dir) {
 bool WriteAll(int fd, const char* data, size_t size) {
     while (size > 0) {
         ssize_t n = ::write(fd, data, size);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
         data += n;
         size -= static_cast<size_t>(n);
     }
@@ -44,14 +40,10 @@ bool CopyContents(int from, int to) {
     char buffer[64 * 1024];
     for (;;) {
         ssize_t n = ::read(from, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return false;
-        if (n == 0)
-            return true;
-        if (!WriteAll(to, buffer, static_cast<size_t>(n)))
-            return false;
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        if (n == 0) return true;
+        if (!WriteAll(to, buffer, static_cast<size_t>(n))) return false;
     }
 }
 
@@ -69,12 +61,10 @@ std::string IconvName(const char* encoding) {
 extern "C" {
 
 int mg_buildpath(const char* path) {
-    if (!path || !*path)
-        return -1;
+    if (!path || !*path) return -1;
     std::string text(path);
     auto slash = text.find_last_of('/');
-    if (slash == std::string::npos || slash == 0)
-        return 0;
+    if (slash == std::string::npos || slash == 0) return 0;
     return MakeDirectories(text.substr(0, slash));
 }
 
@@ -103,11 +93,9 @@ int mg_closedir(DIR* dir) {
 }
 
 int copy_file(const char* from, const char* to) {
-    if (!from || !to)
-        return 0;
+    if (!from || !to) return 0;
     int in = ::open(from, O_RDONLY | O_CLOEXEC);
-    if (in < 0)
-        return 0;
+    if (in < 0) return 0;
     struct stat st {};
     if (::fstat(in, &st) != 0 || !S_ISREG(st.st_mode)) {
         ::close(in);
@@ -122,18 +110,15 @@ int copy_file(const char* from, const char* to) {
     ok = (::fsync(out) == 0) && ok;
     ok = (::close(out) == 0) && ok;
     ::close(in);
-    if (!ok)
-        ::unlink(to);
+    if (!ok) ::unlink(to);
     return ok ? 1 : 0;
 }
 
 int convert_to_utf(const char* source, char* destination, int size, const char* encoding) {
-    if (!source || !destination || size < 1)
-        return -1;
+    if (!source || !destination || size < 1) return -1;
     destination[0] = '\0';
     iconv_t cd = ::iconv_open("UTF-8", IconvName(encoding).c_str());
-    if (cd == reinterpret_cast<iconv_t>(-1))
-        return -1;
+    if (cd == reinterpret_cast<iconv_t>(-1)) return -1;
     char* in = const_cast<char*>(source);
     size_t in_left = std::strlen(source);
     char* out = destination;

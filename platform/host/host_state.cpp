@@ -26,8 +26,7 @@ KeyValues ParseKeyValues(std::istream& in) {
     std::string line;
     while (std::getline(in, line)) {
         auto eq = line.find('=');
-        if (eq == std::string::npos)
-            continue;
+        if (eq == std::string::npos) continue;
         values[line.substr(0, eq)] = line.substr(eq + 1);
     }
     return values;
@@ -44,8 +43,7 @@ public:
         }
     }
     ~LockFile() {
-        if (fd_ >= 0)
-            ::close(fd_);
+        if (fd_ >= 0) ::close(fd_);
     }
     LockFile(const LockFile&) = delete;
     LockFile& operator=(const LockFile&) = delete;
@@ -69,8 +67,7 @@ std::string StatePath(const std::string& name) {
 
 KeyValues ReadKeyValues(const std::string& path) {
     std::ifstream in(path);
-    if (!in)
-        return {};
+    if (!in) return {};
     return ParseKeyValues(in);
 }
 

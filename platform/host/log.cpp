@@ -26,12 +26,10 @@ int g_stderr_level = QV_LOG_WARNING;
 
 int LevelFromEnvironment() {
     const char* env = std::getenv("QV_LOG_LEVEL");
-    if (!env || !*env)
-        return QV_LOG_WARNING;
+    if (!env || !*env) return QV_LOG_WARNING;
     char* end = nullptr;
     long level = std::strtol(env, &end, 10);
-    if (*end != '\0' || level < 0)
-        return QV_LOG_WARNING;
+    if (*end != '\0' || level < 0) return QV_LOG_WARNING;
     return level > QV_LOG_TRACE ? QV_LOG_TRACE : static_cast<int>(level);
 }
 
@@ -67,10 +65,8 @@ std::string Format(const char* format, va_list args) {
     char small[512];
     int n = std::vsnprintf(small, sizeof small, format, copy);
     va_end(copy);
-    if (n < 0)
-        return format;
-    if (static_cast<size_t>(n) < sizeof small)
-        return std::string(small, n);
+    if (n < 0) return format;
+    if (static_cast<size_t>(n) < sizeof small) return std::string(small, n);
     std::string text(static_cast<size_t>(n), '\0');
     std::vsnprintf(text.data(), text.size() + 1, format, args);
     return text;
@@ -95,14 +91,11 @@ void Emit(int level, const char* module, const char* file, int line, const char*
           const char* format, va_list args) {
     std::unique_lock<std::mutex> lock(g_sink_mutex);
     bool to_stderr = level <= g_stderr_level;
-    if (!to_stderr && !g_sink)
-        return;
+    if (!to_stderr && !g_sink) return;
     std::string message = Format(format ? format : "", args);
-    if (g_sink)
-        g_sink(g_sink_user, level, module, file, line, function, message.c_str());
+    if (g_sink) g_sink(g_sink_user, level, module, file, line, function, message.c_str());
     lock.unlock();
-    if (to_stderr)
-        WriteToStderr(level, module, file, line, function, message);
+    if (to_stderr) WriteToStderr(level, module, file, line, function, message);
 }
 
 }  // namespace

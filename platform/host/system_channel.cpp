@@ -26,8 +26,7 @@ void Record(const char* kind, int cmd, int arg) {
     int n = std::snprintf(line, sizeof line, "%s %d %d %d\n", kind, cmd, arg,
                           static_cast<int>(::getpid()));
     int fd = ::open(qvhost_ipc_log_path(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return;
+    if (fd < 0) return;
     ssize_t written = ::write(fd, line, static_cast<size_t>(n));
     (void)written;
     ::close(fd);
@@ -44,10 +43,8 @@ int mg_ipc_cmd(int cmd, int arg) {
 
 int mg_ipc_request(int cmd, int arg, void* buffer, int input_length, int capacity) {
     Record("request", cmd, arg);
-    if (!buffer || input_length < 0 || capacity < input_length)
-        return -1;
-    if (cmd == kEncrypt || cmd == kDecrypt)
-        return 0;
+    if (!buffer || input_length < 0 || capacity < input_length) return -1;
+    if (cmd == kEncrypt || cmd == kDecrypt) return 0;
     return -1;
 }
 
@@ -59,16 +56,14 @@ const char* qvhost_ipc_log_path(void) {
 
 int qvhost_ipc_count(int cmd) {
     std::ifstream in(qvhost_ipc_log_path());
-    if (!in)
-        return 0;
+    if (!in) return 0;
     int count = 0;
     std::string line;
     while (std::getline(in, line)) {
         std::istringstream fields(line);
         std::string kind;
         int recorded = 0;
-        if (fields >> kind >> recorded && recorded == cmd)
-            ++count;
+        if (fields >> kind >> recorded && recorded == cmd) ++count;
     }
     return count;
 }

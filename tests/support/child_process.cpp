@@ -3,46 +3,41 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <exception>
-#include <mutex>
 #include <thread>
 
 namespace qvtest {
 
+// Output goes to an anonymous file rather than a pipe: nothing needs to drain it while the child
+// runs, so the parent needs no reader thread. A thread running in the parent at fork time could
+// hold an allocator lock that the child would then wait on forever.
 struct ChildProcess::State {
     pid_t pid = -1;
     int output_fd = -1;
-    std::mutex mutex;
-    std::string output;
-    std::thread reader;
     bool reaped = false;
     ChildResult result;
 
-    void StartReader() {
-        reader = std::thread([this] {
-            char buffer[4096];
-            for (;;) {
-                ssize_t n = ::read(output_fd, buffer, sizeof buffer);
-                if (n < 0 && errno == EINTR)
-                    continue;
-                if (n <= 0)
-                    break;
-                std::lock_guard<std::mutex> lock(mutex);
-                output.append(buffer, static_cast<size_t>(n));
-            }
-        });
-    }
-
     void Reap(int status) {
         reaped = true;
-        if (WIFEXITED(status))
-            result.exit_code = WEXITSTATUS(status);
-        if (WIFSIGNALED(status))
-            result.signal = WTERMSIG(status);
+        if (WIFEXITED(status)) result.exit_code = WEXITSTATUS(status);
+        if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+    }
+
+    std::string Output() const {
+        std::string text;
+        char buffer[4096];
+        off_t offset = 0;
+        for (;;) {
+            ssize_t n = ::pread(output_fd, buffer, sizeof buffer, offset);
+            if (n <= 0) return text;
+            text.append(buffer, static_cast<size_t>(n));
+            offset += n;
+        }
     }
 
     ~State() {
@@ -51,31 +46,20 @@ struct ChildProcess::State {
             int status = 0;
             ::waitpid(pid, &status, 0);
         }
-        if (reader.joinable())
-            reader.join();
-        if (output_fd >= 0)
-            ::close(output_fd);
+        if (output_fd >= 0) ::close(output_fd);
     }
 };
 
 namespace {
 
-struct Pipe {
-    int read_end = -1;
-    int write_end = -1;
-    Pipe() {
-        int fds[2];
-        if (::pipe2(fds, O_CLOEXEC) == 0) {
-            read_end = fds[0];
-            write_end = fds[1];
-        }
-    }
-};
+int AnonymousFile(const char* name) {
+    return ::memfd_create(name, MFD_CLOEXEC);
+}
 
-// In the child: output to the pipe, then never return into the caller's stack.
-[[noreturn]] void RunChild(const Pipe& out, const std::function<int()>& fn) {
-    ::dup2(out.write_end, STDOUT_FILENO);
-    ::dup2(out.write_end, STDERR_FILENO);
+// In the child: output to the file, then never return into the caller's stack.
+[[noreturn]] void RunChild(int output_fd, const std::function<int()>& fn) {
+    ::dup2(output_fd, STDOUT_FILENO);
+    ::dup2(output_fd, STDERR_FILENO);
     int code = 99;
     try {
         code = fn();
@@ -97,47 +81,34 @@ ChildProcess& ChildProcess::operator=(ChildProcess&&) noexcept = default;
 ChildProcess::~ChildProcess() = default;
 
 ChildProcess ChildProcess::Start(const std::function<int()>& fn) {
-    Pipe out;
+    auto state = std::make_unique<State>();
+    state->output_fd = AnonymousFile("child-output");
     std::fflush(stdout);
     std::fflush(stderr);
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        ::close(out.read_end);
-        RunChild(out, fn);
-    }
-    ::close(out.write_end);
-    auto state = std::make_unique<State>();
-    state->pid = pid;
-    state->output_fd = out.read_end;
-    if (pid < 0)
-        state->reaped = true;
-    state->StartReader();
+    state->pid = ::fork();
+    if (state->pid == 0) RunChild(state->output_fd, fn);
+    if (state->pid < 0) state->reaped = true;
     return ChildProcess(std::move(state));
 }
 
 ChildProcess ChildProcess::Run(const std::vector<std::string>& argv, const std::string& input) {
-    Pipe in;
-    ChildProcess child =
-        Start([argv, input, in_read = in.read_end, in_write = in.write_end]() -> int {
-            // The writer of the input is a grandchild, so a large input can't block the program.
-            if (::fork() == 0) {
-                ::close(in_read);
-                ssize_t ignored = ::write(in_write, input.data(), input.size());
-                (void)ignored;
-                ::_exit(0);
-            }
-            ::close(in_write);
-            ::dup2(in_read, STDIN_FILENO);
-            std::vector<char*> args;
-            for (const auto& arg : argv)
-                args.push_back(const_cast<char*>(arg.c_str()));
-            args.push_back(nullptr);
-            ::execvp(args[0], args.data());
-            std::fprintf(stderr, "can't run %s\n", args[0]);
-            return 127;
-        });
-    ::close(in.read_end);
-    ::close(in.write_end);
+    // Everything the child needs is made before the fork: between fork and exec it only
+    // rearranges descriptors.
+    int input_fd = AnonymousFile("child-input");
+    ssize_t written = ::write(input_fd, input.data(), input.size());
+    (void)written;
+    ::lseek(input_fd, 0, SEEK_SET);
+    std::vector<char*> args;
+    for (const auto& arg : argv)
+        args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    ChildProcess child = Start([&args, input_fd]() -> int {
+        ::dup2(input_fd, STDIN_FILENO);
+        ::execvp(args[0], args.data());
+        std::fprintf(stderr, "can't run %s\n", args[0]);
+        return 127;
+    });
+    ::close(input_fd);
     return child;
 }
 
@@ -146,8 +117,7 @@ pid_t ChildProcess::pid() const {
 }
 
 void ChildProcess::Kill(int signal) {
-    if (state_->pid > 0 && !state_->reaped)
-        ::kill(state_->pid, signal);
+    if (state_->pid > 0 && !state_->reaped) ::kill(state_->pid, signal);
 }
 
 ChildResult ChildProcess::Wait(std::chrono::milliseconds timeout) {
@@ -169,23 +139,17 @@ ChildResult ChildProcess::Wait(std::chrono::milliseconds timeout) {
         }
         std::this_thread::sleep_for(2ms);
     }
-    if (s.reader.joinable())
-        s.reader.join();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.result.output = s.output;
+    s.result.output = s.Output();
     return s.result;
 }
 
 Rendezvous::Rendezvous() {
-    if (::pipe(fds_) != 0)
-        fds_[0] = fds_[1] = -1;
+    if (::pipe(fds_) != 0) fds_[0] = fds_[1] = -1;
 }
 
 Rendezvous::~Rendezvous() {
-    if (fds_[0] >= 0)
-        ::close(fds_[0]);
-    if (fds_[1] >= 0)
-        ::close(fds_[1]);
+    if (fds_[0] >= 0) ::close(fds_[0]);
+    if (fds_[1] >= 0) ::close(fds_[1]);
 }
 
 void Rendezvous::Signal() {
@@ -196,10 +160,16 @@ void Rendezvous::Signal() {
 
 bool Rendezvous::Wait(std::chrono::milliseconds timeout) {
     pollfd pfd{fds_[0], POLLIN, 0};
-    if (::poll(&pfd, 1, static_cast<int>(timeout.count())) != 1)
-        return false;
+    if (::poll(&pfd, 1, static_cast<int>(timeout.count())) != 1) return false;
     char byte = 0;
     return ::read(fds_[0], &byte, 1) == 1;
+}
+
+std::string ChildResult::Describe() const {
+    std::string how = timed_out     ? "timed out"
+                      : signal != 0 ? "killed by signal " + std::to_string(signal)
+                                    : "exit code " + std::to_string(exit_code);
+    return how + "; output:\n" + output;
 }
 
 std::string BuildProgram(const std::string& name) {

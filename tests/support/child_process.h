@@ -1,5 +1,9 @@
 // Running code in other processes of the same sandbox: a function in a forked child, or a
 // program. Output (standard output and error together) is captured; nothing is left running.
+//
+// Fork before starting threads in a test, or fork only into code that execs at once (`Run`): a
+// thread of the parent may hold a lock of the allocator at the moment of the fork, and the child
+// would wait for it forever. The sanitizer builds' allocators are the usual victims.
 #pragma once
 
 #include <sys/types.h>
@@ -21,6 +25,8 @@ struct ChildResult {
     std::string output;
 
     bool Succeeded() const { return exit_code == 0; }
+    // How it ended and what it printed, for failure messages.
+    std::string Describe() const;
 };
 
 class ChildProcess {

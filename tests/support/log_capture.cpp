@@ -30,24 +30,21 @@ std::vector<LogLine> LogCapture::Lines() const {
 std::vector<std::string> LogCapture::Messages(int level) const {
     std::vector<std::string> messages;
     for (const auto& line : Lines()) {
-        if (level == 0 || line.level == level)
-            messages.push_back(line.message);
+        if (level == 0 || line.level == level) messages.push_back(line.message);
     }
     return messages;
 }
 
 bool LogCapture::Has(int level, const std::string& message) const {
     for (const auto& text : Messages(level)) {
-        if (text == message)
-            return true;
+        if (text == message) return true;
     }
     return false;
 }
 
 bool LogCapture::HasFragment(int level, const std::string& fragment) const {
     for (const auto& text : Messages(level)) {
-        if (text.find(fragment) != std::string::npos)
-            return true;
+        if (text.find(fragment) != std::string::npos) return true;
     }
     return false;
 }

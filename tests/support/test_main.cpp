@@ -15,20 +15,17 @@ constexpr long kTmpfsMagic = 0x01021994;
 
 bool InsideSandbox() {
     const char* flag = std::getenv("QV_SANDBOX");
-    if (!flag || std::strcmp(flag, "1") != 0)
-        return false;
+    if (!flag || std::strcmp(flag, "1") != 0) return false;
     for (const char* path : {"/mnt/ext1", "/zelgrot", "/tmp"}) {
         struct statfs fs {};
-        if (::statfs(path, &fs) != 0 || fs.f_type != kTmpfsMagic)
-            return false;
+        if (::statfs(path, &fs) != 0 || fs.f_type != kTmpfsMagic) return false;
     }
     return true;
 }
 
 bool OnlyListing(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
-        if (std::string(argv[i]) == "--gtest_list_tests")
-            return true;
+        if (std::string(argv[i]) == "--gtest_list_tests") return true;
     }
     return false;
 }

@@ -93,8 +93,7 @@ Options ParseArguments(int argc, char** argv) {
     }
     for (; i < argc; ++i)
         options.command.push_back(argv[i]);
-    if (options.command.empty())
-        Fail("no command given (try --help)");
+    if (options.command.empty()) Fail("no command given (try --help)");
     options.command.push_back(nullptr);
     return options;
 }
@@ -130,11 +129,9 @@ std::vector<KeptDirectory> OpenKeptDirectories(const fs::path& tree,
                                                const std::vector<fs::path>& keep) {
     std::vector<KeptDirectory> kept;
     for (const auto& dir : keep) {
-        if (!IsBelow(dir, tree) || dir == tree)
-            continue;
+        if (!IsBelow(dir, tree) || dir == tree) continue;
         int fd = ::open(dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-        if (fd < 0)
-            Fail("can't open " + dir.string() + ": " + ErrnoText());
+        if (fd < 0) Fail("can't open " + dir.string() + ": " + ErrnoText());
         kept.push_back({dir, fd});
     }
     return kept;
@@ -144,8 +141,7 @@ void MountCoveredTree(const CoveredTree& tree, const std::vector<fs::path>& keep
     std::error_code ec;
     fs::create_directories(tree.path, ec);  // the empty mount point, once per host
     fs::path mount_point = fs::canonical(tree.path, ec);
-    if (ec)
-        Fail(std::string("can't find ") + tree.path + ": " + ec.message());
+    if (ec) Fail(std::string("can't find ") + tree.path + ": " + ec.message());
     auto kept = OpenKeptDirectories(mount_point, keep);
     if (::mount("devsandbox", mount_point.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, tree.options) !=
         0) {
@@ -163,8 +159,7 @@ void MountCoveredTree(const CoveredTree& tree, const std::vector<fs::path>& keep
 
 bool IsInsideCoveredTree(const fs::path& path) {
     for (const auto& tree : kCoveredTrees) {
-        if (IsBelow(path, tree.path))
-            return true;
+        if (IsBelow(path, tree.path)) return true;
     }
     return false;
 }
@@ -172,26 +167,22 @@ bool IsInsideCoveredTree(const fs::path& path) {
 // Copies an image over "/", refusing anything that would land outside the private trees.
 void CopyImage(const fs::path& image) {
     std::error_code ec;
-    if (!fs::is_directory(image, ec))
-        return;  // an image the build has not made yet is empty
+    if (!fs::is_directory(image, ec)) return;  // an image the build has not made yet is empty
     for (auto it = fs::recursive_directory_iterator(image, ec); !ec && it != fs::end(it);
          it.increment(ec)) {
         fs::path target = fs::path("/") / fs::relative(it->path(), image);
         if (!IsInsideCoveredTree(target)) {
-            if (it->is_directory())
-                continue;  // "zelgrot" itself, "mnt", ...
+            if (it->is_directory()) continue;  // "zelgrot" itself, "mnt", ...
             Fail("image file " + it->path().string() + " would land outside the sandbox");
         }
         if (it->is_directory()) {
             fs::create_directories(target, ec);
         } else {
             fs::copy_file(it->path(), target, fs::copy_options::overwrite_existing, ec);
-            if (ec)
-                Fail("can't copy " + it->path().string() + ": " + ec.message());
+            if (ec) Fail("can't copy " + it->path().string() + ": " + ec.message());
         }
     }
-    if (ec)
-        Fail("can't read image " + image.string() + ": " + ec.message());
+    if (ec) Fail("can't read image " + image.string() + ": " + ec.message());
 }
 
 std::string FindProgram(const std::string& name) {
@@ -200,8 +191,7 @@ std::string FindProgram(const std::string& name) {
     size_t start = 0;
     while (start <= dirs.size()) {
         size_t end = dirs.find(':', start);
-        if (end == std::string::npos)
-            end = dirs.size();
+        if (end == std::string::npos) end = dirs.size();
         fs::path candidate = fs::path(dirs.substr(start, end - start)) / name;
         if (!IsInsideCoveredTree(candidate) && ::access(candidate.c_str(), X_OK) == 0) {
             return candidate;
@@ -240,8 +230,7 @@ int main(int argc, char** argv) {
         keep.push_back(fs::weakly_canonical(dir, ec));
     for (const auto& dir : options.images)
         keep.push_back(fs::weakly_canonical(dir, ec));
-    if (!cwd.empty())
-        keep.push_back(cwd);
+    if (!cwd.empty()) keep.push_back(cwd);
 
     EnterPrivateNamespaces();
     for (const auto& tree : kCoveredTrees)
@@ -249,8 +238,7 @@ int main(int argc, char** argv) {
     PrepareDevice(options);
 
     // Re-enter the working directory: the old one may now be hidden under a tmpfs.
-    if (cwd.empty() || ::chdir(cwd.c_str()) != 0)
-        fs::current_path("/", ec);
+    if (cwd.empty() || ::chdir(cwd.c_str()) != 0) fs::current_path("/", ec);
     ::setenv("QV_SANDBOX", "1", 1);
     ::execvp(options.command[0], options.command.data());
     std::fprintf(stderr, "devsandbox: can't run %s: %s\n", options.command[0], ErrnoText().c_str());
