@@ -56,9 +56,11 @@ private:
 
 std::string StateDir() {
     const char* env = std::getenv("QV_HOST_STATE_DIR");
-    std::string dir = (env && *env) ? env : "/var/run/moorglass-host";
-    MakeDirs(dir);
-    return dir;
+    return (env && *env) ? env : "/var/run/moorglass-host";
+}
+
+void EnsureStateDir() {
+    MakeDirs(StateDir());
 }
 
 std::string StatePath(const std::string& name) {
@@ -72,6 +74,7 @@ KeyValues ReadKeyValues(const std::string& path) {
 }
 
 bool UpdateKeyValue(const std::string& path, const std::string& key, const char* value) {
+    EnsureStateDir();
     LockFile lock(path);
     KeyValues values = ReadKeyValues(path);
     if (value) {

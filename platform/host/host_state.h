@@ -6,8 +6,10 @@
 
 namespace qvhost {
 
-// "/var/run/moorglass-host", or the directory named by QV_HOST_STATE_DIR. Created on demand.
+// "/var/run/moorglass-host", or the directory named by QV_HOST_STATE_DIR. Readers find it
+// missing on a fresh device; writers make it with EnsureStateDir.
 std::string StateDir();
+void EnsureStateDir();
 std::string StatePath(const std::string& name);
 
 using KeyValues = std::map<std::string, std::string>;

@@ -25,6 +25,7 @@ void Record(const char* kind, int cmd, int arg) {
     char line[96];
     int n = std::snprintf(line, sizeof line, "%s %d %d %d\n", kind, cmd, arg,
                           static_cast<int>(::getpid()));
+    qvhost::EnsureStateDir();
     int fd = ::open(qvhost_ipc_log_path(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) return;
     ssize_t written = ::write(fd, line, static_cast<size_t>(n));
