@@ -14,6 +14,8 @@ set(QV_SANDBOX_COMMAND
     ${PROJECT_BINARY_DIR}/bin/devsandbox
     --image ${QV_DEVICE_IMAGE_SOURCE}
     --image ${QV_DEVICE_IMAGE_BUILD}
+    --keep ${PROJECT_SOURCE_DIR}
+    --keep ${PROJECT_BINARY_DIR}
     --)
 
 # qv_add_gtest(<name> SOURCES <files...> [LIBS <targets...>] [LABELS <labels...>]

@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Installs the build into a scratch prefix and builds a separate application against it, once
+# through find_package and once through pkg-config, then runs both.
+#   check_packaging.sh BUILD_DIR WORK_DIR "EXTRA_CXX_FLAGS"
+set -euo pipefail
+build_dir=$1 work=$2 flags=${3:-}
+here=$(cd "$(dirname "$0")" && pwd)
+
+rm -rf "$work"
+cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
+libdir=$(ls -d "$work"/prefix/lib*/ | head -n 1)
+
+cmake -S "$here/consumer" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" \
+    -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" \
+    -DCMAKE_BUILD_RPATH="$libdir" >/dev/null
+cmake --build "$work/cmake" >/dev/null
+"$work/cmake/consumer"
+
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+# shellcheck disable=SC2046,SC2086
+c++ -std=c++17 $flags "$here/consumer/main.cpp" -o "$work/consumer-pc" \
+    $(pkg-config --cflags --libs common_utilities) -Wl,-rpath,"$libdir"
+"$work/consumer-pc"
