@@ -131,6 +131,7 @@ std::vector<KeptDirectory> OpenKeptDirectories(const fs::path& tree,
     for (const auto& dir : keep) {
         if (!IsBelow(dir, tree) || dir == tree) continue;
         int fd = ::open(dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        if (fd < 0 && errno == ENOENT) continue;  // nothing there to keep
         if (fd < 0) Fail("can't open " + dir.string() + ": " + ErrnoText());
         kept.push_back({dir, fd});
     }
@@ -171,6 +172,7 @@ void CopyImage(const fs::path& image) {
     for (auto it = fs::recursive_directory_iterator(image, ec); !ec && it != fs::end(it);
          it.increment(ec)) {
         fs::path target = fs::path("/") / fs::relative(it->path(), image);
+        if (target == "/README.md") continue;  // the image's own description
         if (!IsInsideCoveredTree(target)) {
             if (it->is_directory()) continue;  // "zelgrot" itself, "mnt", ...
             Fail("image file " + it->path().string() + " would land outside the sandbox");
