@@ -187,8 +187,7 @@ int SerializationUtils::DeserializeTimestamp(std::istream& stream, int64_t* time
 }
 
 int SerializationUtils::SerializeString(const std::string& str, std::ostream& stream) {
-    // QV_RETURN_IF would expand MAX_INT16 before quoting the condition; the log line names it.
-    if (QV_REPORT_IF(str.length() > MAX_INT16, QV_INVAL)) return QV_INVAL;
+    QV_RETURN_IF(str.length() > MAX_INT16, QV_INVAL);
     // c_str() brings the terminator along, so the string goes out in a single write.
     stream.write(str.c_str(), static_cast<std::streamsize>(str.length() + 1));
     QV_RETURN_IF(stream.fail(), QV_FAILED);
