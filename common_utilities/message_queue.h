@@ -154,10 +154,13 @@ public:
     // moves the end of the wait). QV_OK, or QV_FAILED with `*item` untouched when nothing came.
     int Wait(long timeout_ms, T* item) {
         QV_RETURN_UNLESS(is_inited_, QV_NOT_IMPEMENTED);
+        // Only a timed wait needs the clock, and it reads it before queueing for the lock.
+        timespec deadline{};
+        if (timeout_ms != 0) {
+            clock_gettime(CLOCK_REALTIME, &deadline);
+            deadline = AbsoluteDeadline(deadline, timeout_ms);
+        }
         Locked lock(mutex_);
-        timespec now{};
-        clock_gettime(CLOCK_REALTIME, &now);
-        const timespec deadline = AbsoluteDeadline(now, timeout_ms);
         while (queue_.empty()) {
             int err = timeout_ms == 0 ? pthread_cond_wait(&cond_, &mutex_)
                                       : pthread_cond_timedwait(&cond_, &mutex_, &deadline);

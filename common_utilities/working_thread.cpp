@@ -16,6 +16,24 @@ namespace {
 // the device look for that text.
 constexpr int kLowPriorityPolicy = 3;
 
+// What StopAndDeleteAsync puts at the front of the queue. The thread ends when it takes this
+// marker out, not when it merely sees `running` cleared: only taking it proves that the stopper's
+// push has let go of the queue, which the thread is about to destroy with the object.
+class StopMarker : public IRunnable {
+public:
+    void Run() override {}
+};
+StopMarker g_stop_marker;
+
+// A handle to the marker that owns nothing: no count to keep, and the marker is known by address.
+std::shared_ptr<IRunnable> StopTask() {
+    return std::shared_ptr<IRunnable>(std::shared_ptr<void>(), &g_stop_marker);
+}
+
+bool IsStopTask(const std::shared_ptr<IRunnable>& task) {
+    return task.get() == &g_stop_marker;
+}
+
 }  // namespace
 
 WorkingThread::WorkingThread()
@@ -26,7 +44,7 @@ WorkingThread::~WorkingThread() {
         // The thread sees join_on_destroy and ends without deleting: this destructor owns the
         // object and waits for the thread instead.
         running = false;
-        task_queue.Push(std::shared_ptr<IRunnable>());
+        task_queue.PushFront(StopTask());
         pthread_join(thread_id, nullptr);
     }
 }
@@ -82,8 +100,9 @@ void WorkingThread::StopAndDeleteAsync() {
         return;
     }
     running = false;
-    // Wakes a sleeping thread. From here on the thread may delete this object at any moment.
-    task_queue.Push(std::shared_ptr<IRunnable>());
+    // At the front, so that the thread takes it as soon as the running task returns and drops
+    // what waits behind it. From here on the thread may delete this object at any moment.
+    task_queue.PushFront(StopTask());
 }
 
 void WorkingThread::SetLowPriority() {
@@ -114,15 +133,13 @@ int WorkingThread::Work() {
         std::shared_ptr<IRunnable> task;
         idle = true;
         task_queue.Wait(0, &task);
+        if (IsStopTask(task)) break;
         if (task) {
             idle = false;
             task->Run();
         }
-        task.reset();
-        // Tested after every task, not only the empty one: a stop takes effect as soon as the
-        // running task returns, and what still waits is dropped with the object.
-        if (!running) break;
     }
+    // What still waits in the queue is dropped, unrun, with the object.
     if (join_on_destroy) return 0;
     pthread_detach(pthread_self());
     delete this;

@@ -60,9 +60,9 @@ public:
 private:
     bool HasThread() const;
 
-    // Set by Run before the thread starts, so that a second Run and a StopAndDeleteAsync right
-    // after Run see it; cleared by StopAndDeleteAsync. Atomic rather than locked: readers only
-    // need to see it eventually.
+    // Set by Run before the thread starts, so that a second Run right after the first sees it;
+    // cleared by StopAndDeleteAsync. Atomic rather than locked: readers only need to see it
+    // eventually.
     std::atomic<bool> running;
     MessageQueue<std::shared_ptr<IRunnable>> task_queue;
     pthread_t thread_id;  // zero until Run starts the thread
