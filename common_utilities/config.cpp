@@ -36,6 +36,11 @@ constexpr const char* kExcludedPrefixes[] = {
     "/mnt/ext1/applications/.os/",
 };
 
+// Cleared when the cache is destroyed at exit. A Conf that lives in static storage and was made
+// before the cache's first use is destroyed after it; by then the cache has saved and closed
+// everything, and the Conf must not reach for it.
+bool g_cache_alive = false;
+
 bool StartsWith(const std::string& text, const char* prefix) {
     return text.compare(0, std::strlen(prefix), prefix) == 0;
 }
@@ -99,12 +104,17 @@ Config& Config::GetInstance() {
     return instance;
 }
 
+Config::Config() {
+    g_cache_alive = true;
+}
+
 Config::~Config() {
     // Delayed saves are carried out here, at the exit of the process.
     while (!params_.empty()) {
         std::string path = params_.begin()->first;
         CloseConfig(path, params_.begin()->second->save_flag);
     }
+    g_cache_alive = false;
 }
 
 iconfig* Config::OpenConfig(const std::string& file) {
@@ -271,7 +281,7 @@ void Conf::Open(const std::string& file) {
 }
 
 void Conf::Close() {
-    Config::GetInstance().CloseConfig(name, true);
+    if (g_cache_alive) Config::GetInstance().CloseConfig(name, true);
 }
 
 void Conf::Save() {

@@ -93,7 +93,7 @@ public:
                                                        const std::string& prefix);
 
 private:
-    Config() = default;
+    Config();
     ~Config();
 
     // Polls the watches and opens the file: the common start of every read.

@@ -124,6 +124,19 @@ TEST(Config, DelayedSavesAreCarriedOutWhenTheProcessExits) {
     EXPECT_EQ(FileText(flagged), "raw=write\n");
 }
 
+TEST(Conf, AStaticConfMadeBeforeTheCacheIsSavedAtExit) {
+    const std::string file = kDir + "static.cfg";
+    auto child = qvtest::RunInChild([&file] {
+        // Made before the cache, so destroyed after it at exit.
+        static Conf settings(file);
+        settings.WriteString("saved", "by the cache", false);
+        std::exit(0);
+        return 0;
+    });
+    ASSERT_TRUE(child.Succeeded()) << child.Describe();
+    EXPECT_EQ(FileText(file), "saved=by the cache\n");
+}
+
 TEST(Config, AForkedChildThatUsesTheCacheLeavesTheParentInformed) {
     const std::string file = kDir + "forked.cfg";
     WriteFileText(file, "key=parent\n");
