@@ -18,9 +18,15 @@ set(QV_SANDBOX_COMMAND
     --keep ${PROJECT_BINARY_DIR}
     --)
 
+# The ThreadSanitizer pass builds only what the tests of threaded code need:
+#     cmake --build <dir> --target threaded_tests && ctest --test-dir <dir> -L threaded
+add_custom_target(threaded_tests)
+
 # qv_add_gtest(<name> SOURCES <files...> [LIBS <targets...>] [LABELS <labels...>]
 #              [TIMEOUT <seconds>])
-# LABELS "threaded" marks the tests that the ThreadSanitizer pass runs.
+# LABELS "threaded" marks the tests that the ThreadSanitizer pass runs. A test that runs other
+# programs of the build names them with add_dependencies(<name> <program>), which the
+# ThreadSanitizer pass then builds too.
 function(qv_add_gtest name)
     cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
     if(NOT ARG_TIMEOUT)
@@ -31,6 +37,9 @@ function(qv_add_gtest name)
     target_link_libraries(${name} PRIVATE qv_test_support ${ARG_LIBS})
     set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${QV_SANDBOX_COMMAND}")
     add_dependencies(${name} devsandbox)
+    if("threaded" IN_LIST ARG_LABELS)
+        add_dependencies(threaded_tests ${name})
+    endif()
     gtest_discover_tests(${name}
         DISCOVERY_MODE PRE_TEST
         DISCOVERY_TIMEOUT 60
