@@ -28,15 +28,17 @@ namespace utilities {
 
 class QV_EXPORT MediaLibraryManager {
 public:
+    // The enumerations take any int: a value outside the list is a valid request that selects
+    // nothing in particular (no group column, no order, descending).
     // The columns the groups are made of are in group_columns.
-    enum TrackGroupType {
+    enum TrackGroupType : int {
         GroupArtist = 0,
         GroupAlbum = 1,
         GroupGenre = 2,
         GroupFolder = 3,
         GroupNone = 4,
     };
-    enum SortType {
+    enum SortType : int {
         ByTitle = 0,
         ByTrackNo = 1,
         ByFilename = 2,
@@ -44,7 +46,7 @@ public:
         ByTimestamp = 4,
     };
     // Any value other than Ascending sorts descending.
-    enum SortDir {
+    enum SortDir : int {
         Ascending = 0,
         Descending = 1,
     };
