@@ -105,7 +105,11 @@ MediaLibraryManager::~MediaLibraryManager() {
 int MediaLibraryManager::GetDb(Sqlite& db) {
     // A manager of its own first: that is what makes sure the file stands at the right version.
     MediaLibraryManager manager;
-    return manager.db_helper_.GetDb(db);
+    int rc = manager.db_helper_.GetDb(db);
+    // The handler GetDb installed refers to a helper that dies with this manager; the connection
+    // outlives both, so it gets a handler that keeps a helper of its own.
+    db.corrupt_handler = [helper = manager.db_helper_]() mutable { helper.CorruptHandler(); };
+    return rc;
 }
 
 int MediaLibraryManager::GetDb(Sqlite& db, const std::string& path) {

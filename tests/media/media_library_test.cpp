@@ -7,6 +7,7 @@
 
 #include <ctime>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -155,7 +156,67 @@ TEST_F(MediaLibrary, AddTrackStoresTheRecordAndSplitsItsPath) {
     ASSERT_EQ(kRow, st->step());
     EXPECT_EQ(3, st->column_int(0));
     st.reset();
+    // Its corruption handler still works once the manager GetDb made for it is gone.
+    qvhost_ipc_clear();
+    ASSERT_TRUE(other.corrupt_handler);
+    other.corrupt_handler();
+    EXPECT_EQ(1, ReadMarker("MediaLibraryDatabaseCorrupted"));
+    EXPECT_EQ(1, qvhost_ipc_count(272));
     other.close();
+
+    EXPECT_THROW(Track(nullptr, "title"), std::logic_error);
+    EXPECT_THROW(Track("/mnt/ext1/a.mp3", nullptr), std::logic_error);
+}
+
+TEST_F(MediaLibrary, FailedStatementsAreReportedByNameAndLeaveTheRestAlone) {
+    Add("/mnt/ext1/Music/a.mp3", {"A"});
+    const int64_t a = library->getTrackByPath("/mnt/ext1/Music/a.mp3").id;
+    LogCapture log;
+
+    // Tags go second: without their table the track is gone all the same.
+    Exec(kLibrary, "DROP TABLE tags");
+    EXPECT_EQ(QV_FAILED, library->removeTrack(a));
+    EXPECT_EQ(0, library->getTrackByPath("/mnt/ext1/Music/a.mp3").id);
+    EXPECT_TRUE(
+        log.Has(QV_LOG_ERROR, PidLine("Condition: \"remove_func(\"DELETE FROM tags WHERE "
+                                      "track_id = ?\") == QV_OK\", return(\"QV_FAILED\")]")));
+
+    // The folder row is made before the track's statement, and stays when that one fails.
+    Exec(kLibrary, "DROP TABLE tracks");
+    EXPECT_EQ(QV_FAILED, library->addTrack(MakeTrack("/mnt/ext1/New/b.mp3", {"B"})));
+    EXPECT_TRUE(log.Has(QV_LOG_ERROR, PidLine("Condition: \"!st.get()\", return(\"QV_FAILED\")]")));
+    EXPECT_THAT(Query(kLibrary, "SELECT name FROM folders WHERE name = '/mnt/ext1/New'"),
+                ElementsAre("/mnt/ext1/New"));
+    EXPECT_EQ(QV_FAILED, library->removeTrack(a));
+    EXPECT_TRUE(log.Has(QV_LOG_ERROR, PidLine("Condition: \"remove_func(\"DELETE FROM tracks WHERE "
+                                              "id = ?\") == QV_OK\", return(\"QV_FAILED\")]")));
+
+    Exec(kLibrary, "DROP TABLE folders");
+    // A connection learns of another's schema change when it next runs a statement.
+    EXPECT_THAT(library->search(""), IsEmpty());
+    log.Clear();
+    EXPECT_EQ(QV_FAILED, library->addTrack(MakeTrack("/mnt/ext1/New/c.mp3", {"C"})));
+    EXPECT_TRUE(
+        log.Has(QV_LOG_ERROR, PidLine("Condition: \"!st1.get()\", return(\"QV_FAILED\")]")));
+}
+
+TEST(MediaLibraryDamage, ADamagedFileGivesEmptyListsAndIsMadeAnewAtTheNextStart) {
+    WriteFile(kLibrary, std::string(16384, '\x5a'));
+    qvhost_ipc_clear();
+    {
+        Manager library;
+        EXPECT_THAT(library.getTracks(Manager::ByTitle, Manager::GroupNone, "", false), IsEmpty());
+        EXPECT_THAT(library.search("a"), IsEmpty());
+        EXPECT_NE(QV_OK, library.addTrack(MakeTrack("/mnt/ext1/a.mp3", {"A"})));
+    }
+    EXPECT_EQ(1, ReadMarker("MediaLibraryDatabaseCorrupted"));
+    EXPECT_GE(qvhost_ipc_count(272), 1);
+
+    Manager library;
+    EXPECT_EQ(0, ReadMarker("MediaLibraryDatabaseCorrupted"));
+    ASSERT_EQ(QV_OK, library.addTrack(MakeTrack("/mnt/ext1/a.mp3", {"A"})));
+    EXPECT_THAT(Titles(library.getTracks(Manager::ByTitle, Manager::GroupNone, "", false)),
+                ElementsAre("A"));
 }
 
 TEST_F(MediaLibrary, RemoveTrackTakesItsTagsAlongAndLeavesTheFolder) {
@@ -364,6 +425,10 @@ TEST_F(MediaLibrary, FolderBrowserListsSubdirectoriesWithTheirTracks) {
     EXPECT_THAT(library->getSubdirsTracksCount("/mnt/ext1/applications"), IsEmpty());
     EXPECT_THAT(library->getSubdirsTracksCount("/mnt/ext1/nothing"), IsEmpty());
     EXPECT_THAT(Groups(library->getSubdirsTracksCount("/mnt")), ElementsAre("ext1=6"));
+
+    // A name with a double quote breaks its statement: the names before it are what is listed.
+    MakeDirectory("/mnt/ext1/Music/Q\"uote");
+    EXPECT_THAT(Groups(library->getSubdirsTracksCount("/mnt/ext1/Music")), ElementsAre("Pop=1"));
 }
 
 TEST_F(MediaLibrary, TitlesFollowTheInterfaceLanguage) {
