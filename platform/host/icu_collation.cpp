@@ -3,8 +3,9 @@
 // loads: every connection opened in the process afterwards has it, whoever opens it.
 //
 // icu_load_collation(locale, name) defines on the calling connection a collation `name` that
-// compares UTF-8 text with an ICU collator of `locale`. Each connection owns its collator; the
-// collation's destructor closes it when the connection closes or the name is defined again.
+// compares UTF-8 text with an ICU collator of `locale`. Each connection owns its collator, closed
+// with the connection. A name can be defined once per connection: SQLite refuses to replace a
+// collation while a statement runs, and the defining statement is one.
 
 #include <sqlite3.h>
 #include <unicode/ucol.h>
@@ -62,9 +63,13 @@ void LoadCollation(sqlite3_context* context, int, sqlite3_value** args) {
     int rc = sqlite3_create_collation_v2(sqlite3_context_db_handle(context), name, SQLITE_UTF8,
                                          collator, &CompareUtf8, &CloseCollator);
     if (rc != SQLITE_OK) {
-        // SQLite calls the destructor only for collations it accepted.
+        // SQLite calls the destructor only for collations it accepted. Its code is not passed on:
+        // a name already defined can't be replaced while a statement (this one) runs, which SQLite
+        // reports as busy, and a busy statement is one the caller would retry for ever.
         ucol_close(collator);
-        sqlite3_result_error_code(context, rc);
+        std::string message = std::string("icu_load_collation: can't define '") + name +
+                              "': " + sqlite3_errmsg(sqlite3_context_db_handle(context));
+        sqlite3_result_error(context, message.c_str(), -1);
         return;
     }
     sqlite3_result_null(context);

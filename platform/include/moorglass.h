@@ -148,10 +148,10 @@ extern mgstate_s* mgstate;
 
 /* The platform's SQLite offers every connection the SQL function
  *     icu_load_collation(locale, name)
- * which (re)defines on that connection the collation `name` ordering text by the rules of
- * `locale`, as "COLLATE <name>" in a statement then uses it. It yields NULL on success and fails
- * the statement when the locale or the collation can't be set up. Where the platform's SQLite
- * lacks it, the call fails as an unknown function. */
+ * which defines on that connection the collation `name` ordering text by the rules of `locale`,
+ * as "COLLATE <name>" in a statement then uses it. It yields NULL on success and fails the
+ * statement when the locale can't be used or `name` is defined on the connection already. Where
+ * the platform's SQLite lacks it, the call fails as an unknown function. */
 
 #ifdef __cplusplus
 }

@@ -459,6 +459,42 @@ TEST_F(MediaLibrary, TitlesFollowTheInterfaceLanguage) {
     EXPECT_THAT(Titles(russian), ElementsAre("арбуз", "Вишня", "Ёж", "Яблоко"));
 }
 
+// The host's icu_load_collation on a bare connection: a locale's order, redefinition, refusal.
+TEST(HostCollation, LoadsALocalesOrderAndRefusesWhatItCannotUse) {
+    Sqlite db;
+    ASSERT_EQ(0, db.open("/mnt/ext1/collation.db"));
+    auto ordered = [&db] {
+        std::vector<std::string> words;
+        auto st = db.prepare(
+            "SELECT column1 FROM (VALUES ('Zebra'), ('Äpfel'), ('apfel'), ('Bär'), (CAST(x'C3' AS "
+            "TEXT)), ('')) "
+            "ORDER BY column1 COLLATE loaded");
+        while (st && st->step() == kRow)
+            words.push_back(st->column_text(0) ? st->column_text(0) : "NULL");
+        return words;
+    };
+    EXPECT_EQ(kDone, db.exec("SELECT icu_load_collation('de', 'loaded')"));
+    // Invalid UTF-8 still takes its place in a total order.
+    EXPECT_THAT(ordered(), ElementsAre("", "apfel", "Äpfel", "Bär", "Zebra", "\xC3"));
+    EXPECT_EQ(kDone, db.exec("SELECT icu_load_collation('sv', 'swedish')"));
+    EXPECT_EQ(kError, db.exec("SELECT icu_load_collation('sv', 'loaded')"));  // defined already
+    EXPECT_THAT(ordered(), ElementsAre("", "apfel", "Äpfel", "Bär", "Zebra", "\xC3"));
+    db.close();
+    ASSERT_EQ(0, db.open("/mnt/ext1/collation.db"));
+    EXPECT_EQ(kDone, db.exec("SELECT icu_load_collation('sv', 'loaded')"));
+    EXPECT_THAT(ordered(), ElementsAre("", "apfel", "Bär", "Zebra", "Äpfel", "\xC3"));
+
+    EXPECT_EQ(kError, db.exec("SELECT icu_load_collation(NULL, 'loaded')"));
+    EXPECT_EQ(kError, db.exec("SELECT icu_load_collation('de', '')"));
+    EXPECT_EQ(kError, db.exec("SELECT icu_load_collation('de')"));
+    db.close();
+
+    qvhost_set_icu_collation_enabled(0);
+    ASSERT_EQ(0, db.open("/mnt/ext1/collation.db"));
+    EXPECT_EQ(kError, db.exec("SELECT icu_load_collation('de', 'loaded')"));
+    db.close();
+}
+
 TEST_F(MediaLibrary, WithoutTheCollationTextIsOrderedByItsBytesAndEveryQueryStillWorks) {
     for (const char* title : {"Zebra", "Äpfel", "Apfel", "Bär"})
         Add(std::string("/mnt/ext1/de/") + title + ".mp3", {title, title, title, title});

@@ -5,19 +5,22 @@
 # duration, size, tab-separated) and makes the folders, so that the folder browser has something
 # to walk. 14 artists, 18 albums each, 12 tracks an album; the last three artists live on the card.
 generate_library() {
-    awk -v OFS='\t' 'BEGIN {
-        split("Abendrot|Äther Quartett|Ølstykke Brass|Nordlicht|Бархатный сезон|Ёлочные огни|" \
-              "Cedar & Pine|Mistral|Zugvögel|Basalt|Lumen|Quiet Harbour|Sundial|Yarrow", artists, "|")
+    awk -v folders="$1.folders" 'BEGIN {
+        split("Abendrot|Äther Quartett|Ølstykke Brass|Nordlicht|Бархатный сезон|" \
+              "Ёлочные огни|Cedar & Pine|Mistral|Zugvögel|Basalt|Lumen|Quiet Harbour|" \
+              "Sundial|Yarrow", artists, "|")
         split("Pop|Jazz|Folk|Ambient|Rock|Classical", genres, "|")
-        split("Morning|River|Glass|Moon|Winter|Paper|Silver|Harbour|Orchard|Lantern|Echo|Salt", words, "|")
+        split("Morning|River|Glass|Moon|Winter|Paper|Silver|Harbour|Orchard|Lantern|" \
+              "Echo|Salt", words, "|")
         seed = 7
         for (a = 1; a <= 14; a++) {
             root = (a > 11) ? "/mnt/ext2/Music/" : "/mnt/ext1/Music/"
             for (b = 1; b <= 18; b++) {
-                album = words[(a * 5 + b) % 12 + 1] " " words[(a + b * 7) % 12 + 1] " " ((a - 1) * 18 + b)
+                album = words[(a * 5 + b) % 12 + 1] " " words[(a + b * 7) % 12 + 1] " " \
+                        ((a - 1) * 18 + b)
                 genre = genres[(a + b) % 6 + 1]
                 folder = root artists[a] "/" album
-                print folder > "/dev/stderr"
+                print folder > folders
                 for (t = 1; t <= 12; t++) {
                     seed = (seed * 1103515245 + 12345) % 2147483648
                     title = words[seed % 12 + 1] " " words[int(seed / 12) % 12 + 1]
@@ -28,8 +31,8 @@ generate_library() {
                 }
             }
         }
-    }' 2> >(xargs -d '\n' mkdir -p) > "$1"
-    wait
+    }' > "$1"
+    xargs -d '\n' mkdir -p < "$1.folders"
     echo "$(wc -l < "$1") tracks in $1"
 }
 
