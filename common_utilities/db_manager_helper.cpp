@@ -20,9 +20,10 @@ constexpr const char* kGlobalConfig = "/mnt/ext1/system/config/global.cfg";
 constexpr const char* kSqliteShell = "/zelgrot/bin/sqlite3";
 constexpr int kDatabaseCorrupted = 272;
 
-// The PRAGMAs of every connection, in the order they must run: journal_mode after page_size, so
-// that a vacuum can still apply the page size, and WAL so that readers in other applications
-// never block the writer.
+// The PRAGMAs of every connection, in the order they have always run. WAL lets the readers of
+// other applications go on while one writes. The page size, asked for before the switch to WAL,
+// reaches only a file that has no tables yet, and the set-up makes none such: files keep SQLite's
+// default page size.
 const char* const kPragmas[] = {
     "PRAGMA page_size=8192", "PRAGMA synchronous=1",         "PRAGMA journal_mode = WAL",
     "PRAGMA temp_store = 2", "PRAGMA locking_mode = NORMAL",
@@ -30,6 +31,8 @@ const char* const kPragmas[] = {
 
 // Every command of an upgrade is formatted into one buffer of this size.
 constexpr size_t kCommandSize = 1024;
+// More version steps than any archive holds.
+constexpr long long kMaxVersionSteps = 1000;
 
 // An exclusive flock on "<path>.lock" for the length of a scope; `result()` is flock's answer.
 class FileLock {
@@ -75,6 +78,29 @@ int RunCommand(const char* command) {
 
 bool Readable(const char* path) {
     return mg_access(path, R_OK) == 0;
+}
+
+// One step of an upgrade or a downgrade: "<from>to<to>.sql" through the sqlite3 shell, else
+// "<from>to<to>.sh" as a program. A missing step is no error yet: later steps may still reach the
+// version.
+void RunVersionStep(const std::string& tmp, unsigned from, unsigned to, const std::string& db) {
+    char script[kCommandSize];
+    char command[kCommandSize];
+    std::snprintf(script, sizeof script, "/tmp/%s/%uto%u.sql", tmp.c_str(), from, to);
+    if (Readable(script)) {
+        std::fprintf(stderr, "Use script '%s'\n", script);
+        std::snprintf(command, sizeof command, "cat /tmp/%s/%uto%u.sql|%s -echo -batch %s",
+                      tmp.c_str(), from, to, kSqliteShell, db.c_str());
+        RunCommand(command);
+        return;
+    }
+    std::snprintf(script, sizeof script, "/tmp/%s/%uto%u.sh", tmp.c_str(), from, to);
+    if (!Readable(script)) {
+        std::fprintf(stderr, "Cant read %s\n", script);
+        return;
+    }
+    std::fprintf(stderr, "Use script '%s'\n", script);
+    RunCommand(script);
 }
 
 }  // namespace
@@ -126,7 +152,7 @@ int DbManagerHelper::OpenAtVersion(Sqlite& db, const std::string& path) {
             return rc;
         }
     }
-    // On a new file the tables exist already, so the page size takes effect at the first vacuum.
+    // On a new file as on an old one; on a new one the tables exist already at this point.
     rc = Setup(db);
     if (rc != 0) {
         QV_LOG_ERR(rc);
@@ -242,27 +268,16 @@ int DbManagerHelper::FixVersion(Sqlite& db) {
                   scripts_archive.c_str(), tmp.c_str());
     RunCommand(command);
 
-    for (int from = current; step != 0 && from != version; from += step) {
-        const auto first = static_cast<unsigned>(from);
-        const auto second = static_cast<unsigned>(from + step);
-        char script[kCommandSize];
-        std::snprintf(script, sizeof script, "/tmp/%s/%uto%u.sql", tmp.c_str(), first, second);
-        if (Readable(script)) {
-            std::fprintf(stderr, "Use script '%s'\n", script);
-            std::snprintf(command, sizeof command, "cat /tmp/%s/%uto%u.sql|%s -echo -batch %s",
-                          tmp.c_str(), first, second, kSqliteShell, db_path.c_str());
-            RunCommand(command);
-            continue;
-        }
-        std::snprintf(script, sizeof script, "/tmp/%s/%uto%u.sh", tmp.c_str(), first, second);
-        if (Readable(script)) {
-            std::fprintf(stderr, "Use script '%s'\n", script);
-            RunCommand(script);
-        } else {
-            // A missing step is no error yet: later steps may still reach the version.
-            std::fprintf(stderr, "Cant read %s\n", script);
-        }
+    // A version number from a damaged row can lie billions of steps away; no archive bridges
+    // that, and walking it would hold up the application's start for hours.
+    const long long distance = std::llabs(static_cast<long long>(version) - current);
+    if (distance > kMaxVersionSteps) {
+        std::fprintf(stderr, "Cant read scripts of %lld steps\n", distance);
+        step = 0;
     }
+    for (int from = current; step != 0 && from != version; from += step)
+        RunVersionStep(tmp, static_cast<unsigned>(from), static_cast<unsigned>(from + step),
+                       db_path);
 
     std::fprintf(stderr, "Exec 'vacuum'\n");
     int rc = db.exec("vacuum;");

@@ -25,7 +25,9 @@ namespace utilities {
 // itself; the version read after all steps is the only judge of success.
 //
 // Progress of an upgrade goes to the standard error stream, not to the log: it is meant for
-// whoever watches the device's console during a firmware update.
+// whoever watches the device's console during a firmware update. The commands of an upgrade are
+// run by the shell with `db_path` and `scripts_archive` as they stand, so neither may hold blanks
+// or shell characters.
 class QV_EXPORT DbManagerHelper {
 public:
     // `schema` creates the database from nothing, in this order, and must include the tables

@@ -68,6 +68,8 @@ void ReadTracks(Statement& st, Columns columns, std::vector<MediaLibraryManager:
     }
 }
 
+// A value outside the map has no column. It is not added to the map: a lookup that writes would
+// race between managers on different threads.
 std::string GroupColumn(MediaLibraryManager::TrackGroupType group) {
     auto it = MediaLibraryManager::group_columns.find(group);
     return it == MediaLibraryManager::group_columns.end() ? std::string() : it->second;

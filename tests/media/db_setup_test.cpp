@@ -230,6 +230,17 @@ TEST_F(DbSetup, AFileWithoutVersionTableCountsAsVersionMinusOne) {
     EXPECT_EQ(1, helper.GetVersion(db));
 }
 
+TEST_F(DbSetup, AVersionNoScriptsCanReachIsReplacedAtOnce) {
+    MakeDatabase(2147483000);
+    MakeScriptsArchive(kArchive, {{"2147482999to2147482998.sql", "UPDATE version SET id = 1;\n"}});
+    DbManagerHelper helper = Helper(1);
+    StderrCapture err;
+    ASSERT_EQ(0, helper.GetDb(db));
+    EXPECT_EQ(1, helper.GetVersion(db));
+    EXPECT_EQ("0", QueryOne(kPath, "SELECT count(*) FROM notes"));
+    EXPECT_THAT(err.Text(), HasSubstr("Cant read scripts of 2147482999 steps\n"));
+}
+
 TEST_F(DbSetup, EmptyOrAmbiguousVersionTableIsVersionZero) {
     DbManagerHelper helper = Helper(1);
     ASSERT_EQ(0, helper.GetDb(db));

@@ -138,6 +138,13 @@ int RunCheck(Args& args) {
     struct stat st {};
     if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
         throw Failure(kUsage, path + " is a directory");
+    // The upgrade hands both paths to the shell as they stand.
+    for (const std::string& name : {path, scripts}) {
+        if (name.find_first_of(" \t\n'\"\\$`;&|<>()*?[]#~") != std::string::npos)
+            throw Failure(kUsage, name +
+                                      ": the set-up passes paths to the shell unquoted; choose "
+                                      "one without blanks or shell characters");
+    }
 
     DbManagerHelper helper(path, key, version, scripts, MediaLibraryManager::schema_statements);
     FileState before = Inspect(path, key, helper);
