@@ -385,12 +385,13 @@ TEST_F(TrackLists, SearchLooksIntoTitleArtistAlbumAndFileName) {
 }
 
 TEST_F(MediaLibrary, TrackByPathMatchesFolderAndFileNameExactly) {
-    Add("/mnt/ext1/Books/tale.zip:#zip(part 1.mp3)", {"Part 1"});
-    Add("/mnt/ext1/Books/tale.zip:#zip(cd2/part 2.mp3)", {"Part 2"});
-    EXPECT_EQ("Part 1", library->getTrackByPath("/mnt/ext1/Books/tale.zip:#zip(part 1.mp3)").title);
-    EXPECT_EQ("Part 2",
-              library->getTrackByPath("/mnt/ext1/Books/tale.zip:#zip(cd2/part 2.mp3)").title);
-    EXPECT_EQ(0, library->getTrackByPath("/mnt/ext1/books/tale.zip:#zip(part 1.mp3)").id);
+    Add("/mnt/ext1/Books/tale.zip:#zip(chapter 1.mp3)", {"Chapter 1"});
+    Add("/mnt/ext1/Books/tale.zip:#zip(cd2/chapter 2.mp3)", {"Chapter 2"});
+    EXPECT_EQ("Chapter 1",
+              library->getTrackByPath("/mnt/ext1/Books/tale.zip:#zip(chapter 1.mp3)").title);
+    EXPECT_EQ("Chapter 2",
+              library->getTrackByPath("/mnt/ext1/Books/tale.zip:#zip(cd2/chapter 2.mp3)").title);
+    EXPECT_EQ(0, library->getTrackByPath("/mnt/ext1/books/tale.zip:#zip(chapter 1.mp3)").id);
     EXPECT_EQ(0, library->getTrackByPath("/mnt/ext1/Books/tale.zip").id);
     Track blank = library->getTrackByPath("/mnt/ext1/none.mp3");
     EXPECT_EQ(0, blank.id);
