@@ -127,6 +127,32 @@ int mg_ipc_cmd(int cmd, int arg);
  * at most `capacity` bytes. 260 encrypts a text, 261 decrypts it. 0 on success. */
 int mg_ipc_request(int cmd, int arg, void* buffer, int input_length, int capacity);
 
+/* ------------------------------------------------------------------------------------------ */
+/* State block                                                                                 */
+/* ------------------------------------------------------------------------------------------ */
+
+/* What the platform knows of the running application's settings, kept current by the platform.
+ * Applications and the library only read it. */
+typedef struct mgstate_s {
+    /* The interface language as a locale name ("en", "de", "ru", "pt_BR"), taken from the
+     * global configuration's "language"; NULL while the platform has none. */
+    const char* language;
+} mgstate_s;
+
+/* The state block of this process; set before any code of the application runs. */
+extern mgstate_s* mgstate;
+
+/* ------------------------------------------------------------------------------------------ */
+/* SQLite                                                                                      */
+/* ------------------------------------------------------------------------------------------ */
+
+/* The platform's SQLite offers every connection the SQL function
+ *     icu_load_collation(locale, name)
+ * which defines on that connection the collation `name` ordering text by the rules of `locale`,
+ * as "COLLATE <name>" in a statement then uses it. It yields NULL on success and fails the
+ * statement when the locale can't be used or `name` is defined on the connection already. Where
+ * the platform's SQLite lacks it, the call fails as an unknown function. */
+
 #ifdef __cplusplus
 }
 #endif

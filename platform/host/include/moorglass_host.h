@@ -52,6 +52,22 @@ void qvhost_set_device_model(const char* model);
 /* Path of the profile file (a static buffer): key=value lines that override the host defaults. */
 const char* qvhost_profile_path(void);
 
+/* ---- State block and SQLite (this process) ----------------------------------------------- */
+
+/* The state block `mgstate` takes the interface language from the global configuration's
+ * "language" ("en" when absent) when the platform loads. Re-reads it, after a test or a tool
+ * changed the file. */
+void qvhost_reload_state(void);
+/* Sets the language text of the state block directly; NULL leaves the block without one. */
+void qvhost_set_state_language(const char* language);
+
+/* Whether connections opened from now on get the SQL function icu_load_collation (connections
+ * already open keep what they have). On at load unless the environment variable
+ * QV_HOST_NO_ICU_COLLATION is set to a non-empty value other than "0": the host can then play a
+ * device whose SQLite was built without ICU. */
+void qvhost_set_icu_collation_enabled(int enabled);
+int qvhost_icu_collation_enabled(void);
+
 #ifdef __cplusplus
 }
 #endif
