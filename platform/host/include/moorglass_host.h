@@ -56,4 +56,31 @@ const char* qvhost_profile_path(void);
 }
 #endif
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Network service and display (all processes; libmoorglass.so) ------------------------ */
+
+/* The network state and the proxy live in "network.cfg" in the state directory, read at every
+ * call, so that a test taking the network down in one process takes it down for all. A fresh
+ * device is connected, with no proxy. */
+/* Sets the link state that GetNetState reports (NET_STATE_OFF, _CONNECTING, _CONNECTED);
+ * QueryNetwork reports a connection only in NET_STATE_CONNECTED. */
+void qvhost_set_net_state(int state);
+/* Shorthand: connected (non-zero) or off. */
+void qvhost_set_network_up(int up);
+/* The proxy get_proxy hands out ("http://host:port"); NULL or "" for none. */
+void qvhost_set_proxy(const char* proxy);
+/* Path of that file (a static buffer). */
+const char* qvhost_network_path(void);
+
+/* The screen size ScreenWidth and ScreenHeight report; host default 1072 x 1448. Kept in
+ * "display.cfg" in the state directory. */
+void qvhost_set_screen_size(int width, int height);
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif /* MOORGLASS_HOST_H */
