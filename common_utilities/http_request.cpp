@@ -205,13 +205,17 @@ std::string HttpRequest::url() const {
 std::string HttpRequest::encoded_url() const {
     if (!raw_url_.empty()) return raw_url_;
     // Servers of the device match parameter names as sent unescaped; only values are escaped.
-    std::stringstream query;
+    // Runners build this twice per request, so it is put together without a stream.
+    std::string query;
     for (size_t i = 0; i < get_params_.size(); ++i) {
-        if (i > 0) query << '&';
-        query << get_params_[i].first << '=';
-        WriteEscaped(&query, get_params_[i].second);
+        if (i > 0) query += '&';
+        query += get_params_[i].first;
+        query += '=';
+        std::string value;
+        if (!Escape(get_params_[i].second, &value)) break;  // nothing more, as from buildQuery
+        query += value;
     }
-    return WithQuery(base_url_, query.str());
+    return WithQuery(base_url_, query);
 }
 
 void HttpRequest::buildQuery(std::stringstream* out, const Params& params) {

@@ -62,15 +62,15 @@ extern "C" {
 
 /* ---- Network service and display (all processes; libmoorglass.so) ------------------------ */
 
-/* The network state and the proxy live in "network.cfg" in the state directory, read at every
- * call, so that a test taking the network down in one process takes it down for all. A fresh
- * device is connected, with no proxy. */
+/* The network state and the proxy live in "network.state" in the state directory, a small block
+ * that every process maps shared, so that a test taking the network down in one process takes it
+ * down for all at once. A fresh device is connected, with no proxy. */
 /* Sets the link state that GetNetState reports (NET_STATE_OFF, _CONNECTING, _CONNECTED);
  * QueryNetwork reports a connection only in NET_STATE_CONNECTED. */
 void qvhost_set_net_state(int state);
 /* Shorthand: connected (non-zero) or off. */
 void qvhost_set_network_up(int up);
-/* The proxy get_proxy hands out ("http://host:port"); NULL or "" for none. */
+/* The proxy get_proxy hands out ("http://host:port", at most 1023 bytes); NULL or "" for none. */
 void qvhost_set_proxy(const char* proxy);
 /* Path of that file (a static buffer). */
 const char* qvhost_network_path(void);
