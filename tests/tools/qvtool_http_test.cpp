@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "child_process.h"
-#include "moorglass_host.h"
 #include "server_process.h"
 
 namespace {
@@ -102,11 +101,20 @@ TEST_F(QvtoolHttp, TlsCookiesAndFailuresAreReportedPlainly) {
     EXPECT_EQ(Qvtool({"http", "POST", server_.Url("/echo"), "-d", "@/no/such/file"}).exit_code, 3);
     long before = server_.RequestCount();
 
-    qvhost_set_network_up(0);
+    ChildResult down = Qvtool({"host", "network", "down"});
+    EXPECT_EQ(down.output, "network down, proxy none\n") << down.Describe();
     ChildResult offline = Qvtool({"http", "GET", server_.Url("/echo")});
     EXPECT_EQ(offline.exit_code, 4) << offline.Describe();
     EXPECT_TRUE(Contains(offline.output, "the network is down")) << offline.output;
     EXPECT_EQ(server_.RequestCount(), before);
+    EXPECT_EQ(Qvtool({"host", "network", "sideways"}).exit_code, 2);
+
+    // Back up, through the server as proxy: the target itself does not exist.
+    ChildResult up = Qvtool({"host", "network", "up", "--proxy", server_.Url("")});
+    EXPECT_EQ(up.output, "network up, proxy " + server_.Url("") + "\n") << up.Describe();
+    ChildResult proxied = Qvtool({"http", "GET", "http://127.0.0.1:1/via"});
+    EXPECT_EQ(proxied.exit_code, 0) << proxied.Describe();
+    EXPECT_TRUE(Contains(proxied.output, "proxied http://127.0.0.1:1/via")) << proxied.output;
 }
 
 TEST(QvtoolSign, PrintsTheSignatureAndNonces) {

@@ -2,6 +2,7 @@
 // would send it; the status, the response headers (streaming) and the body.
 
 #include <curl/curl.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -148,6 +149,7 @@ public:
         std::ostream& out = file_ ? *file_ : std::cout;
         out.write(data, static_cast<std::streamsize>(length));
         if (!file_) out.flush();  // the body as it arrives
+        if (length > 0) last_ = data[length - 1];
         written_ += length;
         if (progress_) progress_->Update(written_);
         return static_cast<bool>(out);
@@ -158,6 +160,9 @@ public:
     void Finish() {
         if (progress_) progress_->Finish();
         if (file_) file_->flush();
+        // On a terminal the next prompt or status line starts on a line of its own; into a pipe
+        // or a file the body goes byte for byte.
+        if (!file_ && written_ > 0 && last_ != '\n' && ::isatty(STDOUT_FILENO)) std::cout << '\n';
         std::cout.flush();
     }
 
@@ -165,6 +170,7 @@ private:
     std::unique_ptr<std::ofstream> file_;
     std::unique_ptr<Progress> progress_;
     uint64_t written_ = 0;
+    char last_ = '\n';
 };
 
 // The collected header lines, for people: status lines first, then the rest by name, each once,
