@@ -171,6 +171,7 @@ public:
     // With `keep_handle`, one libcurl handle (and with it libcurl's connection cache) lives from
     // the first transfer to the runner's end, and is reset for each request: sequential requests
     // to one server then reuse the connection. Without it each call makes and drops a handle.
+    // Either way a request's cookie file holds its cookies when the call returns.
     explicit HttpRequestRunner(bool keep_handle = false);
     ~HttpRequestRunner();
     HttpRequestRunner(const HttpRequestRunner&) = delete;
@@ -216,7 +217,7 @@ public:
 
 private:
     CURL* AcquireHandle();
-    void ReleaseHandle(CURL* curl);
+    void ReleaseHandle(CURL* curl, const HttpRequest& request);
 
     bool follow_redirects_ = true;
     bool keep_handle_ = false;

@@ -231,8 +231,18 @@ CURL* HttpRequestRunner::AcquireHandle() {
     return curl_;
 }
 
-void HttpRequestRunner::ReleaseHandle(CURL* curl) {
-    if (!keep_handle_) curl_easy_cleanup(curl);
+void HttpRequestRunner::ReleaseHandle(CURL* curl, const HttpRequest& request) {
+    if (!keep_handle_) {
+        curl_easy_cleanup(curl);  // which also writes the cookie file
+        return;
+    }
+    if (request.cookie_file().empty()) return;
+    // A kept handle would write its cookies only when the runner ends, and libcurl's reset
+    // forgets to free the list of cookie files it was given. Writing the cookies now and letting
+    // go of the list keeps the file as current as with a handle per call; the next request
+    // reads them back from it.
+    curl_easy_setopt(curl, CURLOPT_COOKIELIST, "FLUSH");
+    curl_easy_setopt(curl, CURLOPT_COOKIEFILE, nullptr);
 }
 
 int HttpRequestRunner::PrepareRequest(const HttpRequest& request, CURL* curl,
@@ -290,7 +300,7 @@ int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* http_cod
         }
         result = 0;
     }
-    ReleaseHandle(curl);
+    ReleaseHandle(curl, request);
     curl_slist_free_all(info.headers);
     return result;
 }
@@ -338,7 +348,7 @@ int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* http_cod
         // The buffer dies with this call; a kept handle must not write into it later.
         curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
     }
-    ReleaseHandle(curl);
+    ReleaseHandle(curl, request);
     if (list) curl_slist_free_all(list);
     return result;
 }

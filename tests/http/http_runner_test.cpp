@@ -461,6 +461,22 @@ TEST_F(HttpRunner, CookieFileCarriesCookiesBetweenRequests) {
     EXPECT_EQ(Stream(show).body, "session=abc; theme=dark");
     // Without the file there is no cookie engine.
     EXPECT_EQ(Perform(HttpRequest("GET", server_.Url("/cookies"))).body(), "");
+
+    // A kept handle saves them as soon, and carries them to its next request.
+    const std::string kept_jar = "/tmp/kept-cookies.txt";
+    HttpRequestRunner kept(true);
+    HttpRequest first("GET", server_.Url("/cookies/set?kept=1"));
+    first.EnableCookie(true, kept_jar);
+    ASSERT_EQ(Perform(kept, first).rc, 0);
+    EXPECT_NE(ReadFile(kept_jar).find("kept\t1"), std::string::npos);
+    HttpRequest second("GET", server_.Url("/cookies/set?later=2"));
+    second.EnableCookie(true, kept_jar);
+    EXPECT_EQ(Stream(kept, second).rc, 0);
+    HttpRequest third("GET", server_.Url("/cookies"));
+    third.EnableCookie(true, kept_jar);
+    std::string sent = Perform(kept, third).body();
+    EXPECT_TRUE(sent == "kept=1; later=2" || sent == "later=2; kept=1") << sent;
+    EXPECT_EQ(Perform(kept, HttpRequest("GET", server_.Url("/cookies"))).body(), "");
 }
 
 TEST_F(HttpRunner, TlsIsVerifiedUnlessTheRequestSkipsTheCheck) {
