@@ -115,3 +115,11 @@ QV_EXPORT std::string ToUpper(const std::string& text);
 
 }  // namespace utilities
 }  // namespace quorvel
+
+// ---- Check lines of units that log under a module name (the HTTP runners) ----------------------
+// As QV_CLEANUP_UNLESS, through qv_print_log2_with_module.
+#define QV_CLEANUP_UNLESS_MODULE(module, cond, fmt, ...)                                     \
+    (!(cond) ? (QV_LOG_MODULE(QV_LOG_ERROR, (module), "Condition %s failed. " fmt, #cond, \
+                              ##__VA_ARGS__),                                               \
+                true)                                                                       \
+             : false)

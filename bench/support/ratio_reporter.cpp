@@ -49,12 +49,20 @@ int PrintRatios(const RecordingReporter& reporter, const std::vector<Ratio>& rat
         double denominator = reporter.RealSeconds(ratio.denominator);
         int percent = static_cast<int>(ratio.tolerance * 100 + 0.5);
         if (numerator < 0 || denominator <= 0) {
+            if (ratio.tolerance < 0) {
+                std::fprintf(out, "%s: not measured\n", ratio.label.c_str());
+                continue;
+            }
             std::fprintf(out, "%s: not measured (aim: within %d%%)\n", ratio.label.c_str(),
                          percent);
             ++missed;
             continue;
         }
         double value = numerator / denominator;
+        if (ratio.tolerance < 0) {
+            std::fprintf(out, "%s: %.2fx (for scale, no aim)\n", ratio.label.c_str(), value);
+            continue;
+        }
         bool met = value <= 1.0 + ratio.tolerance;
         std::fprintf(out, "%s: %.2fx (aim: within %d%%)%s\n", ratio.label.c_str(), value, percent,
                      met ? "" : " MISSED");

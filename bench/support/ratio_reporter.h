@@ -33,8 +33,11 @@ struct Ratio {
     std::string label;      // "wrapper/raw insert 100k"
     std::string numerator;  // benchmark names as RealSeconds takes them
     std::string denominator;
-    double tolerance;  // 0.05: the numerator may take at most 5% longer
+    double tolerance;  // 0.05: the numerator may take at most 5% longer; kNoAim: for scale only
 };
+
+// The tolerance of a ratio that is reported for scale, with no aim to meet.
+constexpr double kNoAim = -1.0;
 
 // One line per ratio, "wrapper/raw insert 100k: 1.03x (aim: within 5%)", marked when the aim is
 // missed or a side did not run. Returns how many ratios missed.

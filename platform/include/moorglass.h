@@ -157,4 +157,44 @@ extern mgstate_s* mgstate;
 }
 #endif
 
+/* ------------------------------------------------------------------------------------------ */
+/* Network service                                                                             */
+/* ------------------------------------------------------------------------------------------ */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* States of the network link, as GetNetState reports them. */
+enum { NET_STATE_OFF = 0, NET_STATE_CONNECTING = 1, NET_STATE_CONNECTED = 2 };
+
+/* Bits of QueryNetwork: any bit of this mask is set while a connection is up. The bits below
+ * and above it describe the network manager and the interfaces, and are the platform's own. */
+#define NET_QUERY_CONNECTED_MASK 0x0F00
+
+/* A bit mask of the network state; see NET_QUERY_CONNECTED_MASK. Cheap enough to ask before
+ * every request. */
+int QueryNetwork(void);
+/* The state of the network link: NET_STATE_OFF, NET_STATE_CONNECTING or NET_STATE_CONNECTED. */
+int GetNetState(void);
+
+/* The proxy the user configured for the current network, in the form libcurl takes as
+ * CURLOPT_PROXY ("http://host:port"), or NULL when there is none. The caller releases it with
+ * clean_proxy_object. */
+char* get_proxy(void);
+/* Releases what get_proxy gave and sets `*proxy` to NULL; a NULL `*proxy` is left alone. */
+void clean_proxy_object(char** proxy);
+
+/* ------------------------------------------------------------------------------------------ */
+/* Display                                                                                     */
+/* ------------------------------------------------------------------------------------------ */
+
+/* Size of the screen in pixels, in the current orientation. */
+int ScreenWidth(void);
+int ScreenHeight(void);
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif /* MOORGLASS_H */

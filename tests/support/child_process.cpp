@@ -165,6 +165,10 @@ bool Rendezvous::Wait(std::chrono::milliseconds timeout) {
     return ::read(fds_[0], &byte, 1) == 1;
 }
 
+std::string ChildProcess::OutputSoFar() const {
+    return state_->Output();
+}
+
 std::string ChildResult::Describe() const {
     std::string how = timed_out     ? "timed out"
                       : signal != 0 ? "killed by signal " + std::to_string(signal)

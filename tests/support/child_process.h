@@ -45,6 +45,8 @@ public:
     void Kill(int signal);
     // Waits for the end; after `timeout` the child is killed and the result says so.
     ChildResult Wait(std::chrono::milliseconds timeout = 60s);
+    // What the child printed so far, while it runs (servers announce their ports this way).
+    std::string OutputSoFar() const;
 
 private:
     struct State;

@@ -72,4 +72,31 @@ int qvhost_icu_collation_enabled(void);
 }
 #endif
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Network service and display (all processes; libmoorglass.so) ------------------------ */
+
+/* The network state and the proxy live in "network.state" in the state directory, a small block
+ * that every process maps shared, so that a test taking the network down in one process takes it
+ * down for all at once. A fresh device is connected, with no proxy. */
+/* Sets the link state that GetNetState reports (NET_STATE_OFF, _CONNECTING, _CONNECTED);
+ * QueryNetwork reports a connection only in NET_STATE_CONNECTED. */
+void qvhost_set_net_state(int state);
+/* Shorthand: connected (non-zero) or off. */
+void qvhost_set_network_up(int up);
+/* The proxy get_proxy hands out ("http://host:port", at most 1023 bytes); NULL or "" for none. */
+void qvhost_set_proxy(const char* proxy);
+/* Path of that file (a static buffer). */
+const char* qvhost_network_path(void);
+
+/* The screen size ScreenWidth and ScreenHeight report; host default 1072 x 1448. Kept in
+ * "display.cfg" in the state directory. */
+void qvhost_set_screen_size(int width, int height);
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif /* MOORGLASS_HOST_H */

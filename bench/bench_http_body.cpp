@@ -1,0 +1,201 @@
+// One 200 MB body from the loopback test server, collected whole in memory and streamed through
+// the request runner, against the curl program writing it to /dev/null, and the whole-body
+// transfer against libcurl filling a vector by hand. Besides the time, each run reports in
+// "peak_MB" the resident memory the transfer added at its peak (for the curl program, its whole
+// peak): the whole-body transfer holds the body (and, while its vector grows, the old buffer
+// too), the streaming one only libcurl's buffer. Filling a vector that large is dominated by page
+// faults and copies of the growing buffer, which is why the whole-body transfer is measured against
+// the same by hand.
+
+#include <benchmark/benchmark.h>
+#include <curl/curl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common_utilities/http_request.h"
+#include "ratio_reporter.h"
+#include "server_process.h"
+
+extern char** environ;
+
+namespace {
+
+using quorvel::utilities::HttpRequest;
+using quorvel::utilities::HttpRequestRunner;
+
+constexpr size_t kBodyBytes = 200u * 1024 * 1024;
+constexpr double kMegabyte = 1024.0 * 1024.0;
+
+std::unique_ptr<qvtest::HttpTestServer> g_server;
+
+[[noreturn]] void Die(const std::string& what) {
+    std::fprintf(stderr, "bench_http_body: %s\n", what.c_str());
+    std::exit(1);
+}
+
+std::string Url() {
+    return g_server->Url("/bytes/" + std::to_string(kBodyBytes));
+}
+
+// Memory a transfer adds to this process at its peak: the kernel's high-water mark of resident
+// memory, which writing "5" to clear_refs sets back to the present size, less that size. What
+// earlier runs left in the allocator is thus not counted against the next.
+class PeakMemory {
+public:
+    PeakMemory() : start_(Read("VmRSS:")) { std::ofstream("/proc/self/clear_refs") << "5"; }
+    double AddedMegabytes() const { return Read("VmHWM:") - start_; }
+
+private:
+    static double Read(const char* field) {
+        std::ifstream status("/proc/self/status");
+        std::string line;
+        size_t length = std::strlen(field);
+        while (std::getline(status, line)) {
+            if (line.compare(0, length, field) == 0) {
+                return std::strtod(line.c_str() + length, nullptr) / 1024.0;
+            }
+        }
+        return 0;
+    }
+
+    double start_;
+};
+
+void Finish(benchmark::State& state, double peak_megabytes) {
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kBodyBytes));
+    state.counters["peak_MB"] = peak_megabytes;
+}
+
+void InMemory(benchmark::State& state) {
+    HttpRequestRunner runner;
+    HttpRequest request("GET", Url());
+    double peak = 0;
+    for (auto _ : state) {
+        std::vector<char> response;
+        PeakMemory memory;
+        long code = 0;
+        if (runner.PerformRequest(request, &code, &response) != 0 ||
+            response.size() != kBodyBytes + 1) {
+            Die("whole-body request failed");
+        }
+        peak = std::max(peak, memory.AddedMegabytes());
+    }
+    Finish(state, peak);
+}
+
+void Streamed(benchmark::State& state) {
+    HttpRequestRunner runner;
+    HttpRequest request("GET", Url());
+    double peak = 0;
+    for (auto _ : state) {
+        size_t received = 0;
+        HttpRequestRunner::HeaderRecords headers;
+        PeakMemory memory;
+        long code = 0;
+        int rc = runner.PerformRequest(request, &code, &headers, {},
+                                       [&received](unsigned length, char* data) {
+                                           benchmark::DoNotOptimize(data);
+                                           received += length;
+                                           return length;
+                                       });
+        if (rc != 0 || received != kBodyBytes) Die("streaming request failed");
+        peak = std::max(peak, memory.AddedMegabytes());
+    }
+    Finish(state, peak);
+}
+
+// The same whole-body collection by hand: libcurl appending to a vector, as the runner's writer
+// does. What the runner adds to it should not show.
+size_t Append(char* data, size_t size, size_t nmemb, void* user) {
+    auto* out = static_cast<std::vector<char>*>(user);
+    out->insert(out->end(), data, data + size * nmemb);
+    return size * nmemb;
+}
+
+void CurlIntoVector(benchmark::State& state) {
+    const std::string url = Url();
+    double peak = 0;
+    for (auto _ : state) {
+        std::vector<char> response;
+        PeakMemory memory;
+        CURL* curl = curl_easy_init();
+        curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, Append);
+        curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response);
+        curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+        if (curl_easy_perform(curl) != CURLE_OK || response.size() != kBodyBytes) {
+            Die("plain libcurl request failed");
+        }
+        curl_easy_cleanup(curl);
+        peak = std::max(peak, memory.AddedMegabytes());
+    }
+    Finish(state, peak);
+}
+
+// The curl program, under /usr/bin/time for its peak memory: a child spawned from here would be
+// charged this process's peak too.
+void CurlProgram(benchmark::State& state) {
+    const std::string url = Url();
+    const std::string report = "/tmp/bench_http_body.rss";
+    std::vector<std::string> words = {"/usr/bin/time", "-f",     "%M", "-o",        report, "curl",
+                                      "--silent",      "--fail", "-o", "/dev/null", url};
+    std::vector<char*> argv;
+    for (auto& word : words)
+        argv.push_back(word.data());
+    argv.push_back(nullptr);
+    double peak = 0;
+    for (auto _ : state) {
+        pid_t pid = 0;
+        if (posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
+            Die("can't run curl under /usr/bin/time");
+        }
+        int status = 0;
+        if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+            Die("curl failed");
+        }
+        state.PauseTiming();
+        std::ifstream kilobytes(report);
+        double rss = 0;
+        kilobytes >> rss;
+        peak = std::max(peak, rss / 1024.0);
+        state.ResumeTiming();
+    }
+    Finish(state, peak);
+}
+
+void Configure(benchmark::internal::Benchmark* benchmark) {
+    benchmark->Unit(benchmark::kMillisecond)
+        ->UseRealTime()
+        ->Iterations(1)
+        ->Repetitions(9)
+        ->ReportAggregatesOnly(true);
+}
+
+}  // namespace
+
+BENCHMARK(InMemory)->Name("body_200mb/in_memory")->Apply(Configure);
+BENCHMARK(Streamed)->Name("body_200mb/streamed")->Apply(Configure);
+BENCHMARK(CurlIntoVector)->Name("body_200mb/libcurl_vector")->Apply(Configure);
+BENCHMARK(CurlProgram)->Name("body_200mb/curl_program")->Apply(Configure);
+
+int main(int argc, char** argv) {
+    g_server = std::make_unique<qvtest::HttpTestServer>();
+    int rc = qvbench::RunAndCompare(
+        argc, argv,
+        {{"streamed/curl program 200 MB", "body_200mb/streamed", "body_200mb/curl_program", 0.10},
+         {"in memory/libcurl into a vector 200 MB", "body_200mb/in_memory",
+          "body_200mb/libcurl_vector", 0.10},
+         {"in memory/curl program 200 MB", "body_200mb/in_memory", "body_200mb/curl_program",
+          qvbench::kNoAim}});
+    g_server.reset();
+    return rc;
+}

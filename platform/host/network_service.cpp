@@ -1,0 +1,204 @@
+// The network service of the host platform. A host has no Wi-Fi manager of its own: the link
+// state and the proxy are what the host controls set, shared by every process of the sandbox.
+// A fresh device is connected and has no proxy, so that requests to loopback servers just work.
+//
+// Requests ask QueryNetwork and get_proxy before every transfer, so these must cost next to
+// nothing: the state is a small block in a file of the state directory ("network.state") that
+// every process maps shared on first use. Reading it is a few loads from memory, and a change
+// made by one process is seen by all at their next call. Writers serialise on an flock of the
+// file; the proxy text, which can't be written in one store, is read under a sequence counter
+// (odd while a writer is at work) and read again when it moved.
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+#include "host_state.h"
+#include "moorglass.h"
+#include "moorglass_host.h"
+
+namespace {
+
+// What QueryNetwork reports while connected: the first of the connection bits (Wi-Fi), and the
+// bit below the mask that says the network manager runs.
+constexpr int kQueryConnected = 0x0100 | 0x0001;
+constexpr int kQueryManagerOnly = 0x0001;
+constexpr uint32_t kMagic = 0x514e5331;  // "QNS1"
+constexpr size_t kProxyCapacity = 1024;
+
+struct NetworkBlock {
+    uint32_t magic;
+    std::atomic<uint32_t> sequence;
+    std::atomic<int32_t> state;
+    char proxy[kProxyCapacity];
+};
+static_assert(std::atomic<uint32_t>::is_always_lock_free, "the block is shared between processes");
+
+class FileLock {
+public:
+    explicit FileLock(int fd) : fd_(fd) {
+        while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+        }
+    }
+    ~FileLock() { ::flock(fd_, LOCK_UN); }
+    FileLock(const FileLock&) = delete;
+    FileLock& operator=(const FileLock&) = delete;
+
+private:
+    int fd_;
+};
+
+// The block of the current state directory, mapped once per process (and again should the state
+// directory change, as it may between tests).
+class SharedNetworkState {
+public:
+    static SharedNetworkState& Instance() {
+        static SharedNetworkState instance;
+        return instance;
+    }
+
+    // Null only when the state directory can't be written.
+    NetworkBlock* Block() {
+        std::string path = qvhost::StatePath("network.state");
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (block_ && path == path_) return block_;
+        Unmap();
+        Map(path);
+        return block_;
+    }
+
+    int fd() const { return fd_; }
+    const std::string& path() const { return path_; }
+
+private:
+    void Map(const std::string& path) {
+        qvhost::EnsureStateDir();
+        int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        if (fd < 0) return;
+        {
+            FileLock lock(fd);
+            if (::ftruncate(fd, sizeof(NetworkBlock)) != 0) {
+                ::close(fd);
+                return;
+            }
+        }
+        void* memory =
+            ::mmap(nullptr, sizeof(NetworkBlock), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        if (memory == MAP_FAILED) {
+            ::close(fd);
+            return;
+        }
+        auto* block = static_cast<NetworkBlock*>(memory);
+        {
+            // A new file is all zeros: the first process to map it sets the defaults.
+            FileLock lock(fd);
+            if (block->magic != kMagic) {
+                block->state.store(NET_STATE_CONNECTED);
+                block->sequence.store(0);
+                block->proxy[0] = '\0';
+                block->magic = kMagic;
+            }
+        }
+        fd_ = fd;
+        block_ = block;
+        path_ = path;
+    }
+
+    void Unmap() {
+        if (block_) ::munmap(block_, sizeof(NetworkBlock));
+        if (fd_ >= 0) ::close(fd_);
+        block_ = nullptr;
+        fd_ = -1;
+    }
+
+    std::mutex mutex_;
+    NetworkBlock* block_ = nullptr;
+    int fd_ = -1;
+    std::string path_;
+};
+
+int CurrentState() {
+    NetworkBlock* block = SharedNetworkState::Instance().Block();
+    if (!block) return NET_STATE_CONNECTED;
+    int state = block->state.load(std::memory_order_acquire);
+    return (state < NET_STATE_OFF || state > NET_STATE_CONNECTED) ? NET_STATE_OFF : state;
+}
+
+std::string ReadProxy() {
+    NetworkBlock* block = SharedNetworkState::Instance().Block();
+    if (!block) return {};
+    for (;;) {
+        uint32_t before = block->sequence.load(std::memory_order_acquire);
+        if (before % 2 == 0) {
+            std::string copy(block->proxy, ::strnlen(block->proxy, kProxyCapacity - 1));
+            std::atomic_thread_fence(std::memory_order_acquire);
+            if (block->sequence.load(std::memory_order_relaxed) == before) return copy;
+        }
+        ::sched_yield();
+    }
+}
+
+void WriteProxy(const char* proxy) {
+    SharedNetworkState& shared = SharedNetworkState::Instance();
+    NetworkBlock* block = shared.Block();
+    if (!block) return;
+    FileLock lock(shared.fd());
+    block->sequence.fetch_add(1, std::memory_order_acq_rel);
+    std::atomic_thread_fence(std::memory_order_release);
+    std::strncpy(block->proxy, proxy ? proxy : "", kProxyCapacity - 1);
+    block->proxy[kProxyCapacity - 1] = '\0';
+    block->sequence.fetch_add(1, std::memory_order_release);
+}
+
+}  // namespace
+
+extern "C" {
+
+int QueryNetwork(void) {
+    return CurrentState() == NET_STATE_CONNECTED ? kQueryConnected : kQueryManagerOnly;
+}
+
+int GetNetState(void) {
+    return CurrentState();
+}
+
+char* get_proxy(void) {
+    std::string proxy = ReadProxy();
+    return proxy.empty() ? nullptr : ::strdup(proxy.c_str());
+}
+
+void clean_proxy_object(char** proxy) {
+    if (!proxy || !*proxy) return;
+    std::free(*proxy);
+    *proxy = nullptr;
+}
+
+void qvhost_set_net_state(int state) {
+    NetworkBlock* block = SharedNetworkState::Instance().Block();
+    if (block) block->state.store(state, std::memory_order_release);
+}
+
+void qvhost_set_network_up(int up) {
+    qvhost_set_net_state(up ? NET_STATE_CONNECTED : NET_STATE_OFF);
+}
+
+void qvhost_set_proxy(const char* proxy) {
+    WriteProxy(proxy);
+}
+
+const char* qvhost_network_path(void) {
+    thread_local std::string path;
+    path = qvhost::StatePath("network.state");
+    return path.c_str();
+}
+
+}  // extern "C"

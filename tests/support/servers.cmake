@@ -1,0 +1,22 @@
+# Server programs of the tests, shared with the benchmarks (which are built without the tests):
+# included from both; the programs are defined by whichever comes first.
+
+# test_http_server: loopback HTTP and HTTPS on cpp-httplib. Route groups are routes_*.cpp.
+if(NOT TARGET test_http_server)
+    file(GLOB QV_HTTP_SERVER_ROUTES CONFIGURE_DEPENDS
+        ${PROJECT_SOURCE_DIR}/tests/support/http_server/routes_*.cpp)
+    add_executable(test_http_server
+        ${PROJECT_SOURCE_DIR}/tests/support/http_server/main.cpp
+        ${PROJECT_SOURCE_DIR}/tests/support/http_server/routes.cpp
+        ${PROJECT_SOURCE_DIR}/tests/support/http_server/self_signed.cpp
+        ${QV_HTTP_SERVER_ROUTES})
+    qv_strict_warnings(test_http_server)
+    target_link_libraries(test_http_server PRIVATE
+        PkgConfig::HTTPLIB OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
+endif()
+
+# What a program needs to start and stop the servers (see server_process.h). The tests get it
+# through qv_test_support; a benchmark links this.
+set(QV_SERVER_PROCESS_SOURCES
+    ${PROJECT_SOURCE_DIR}/tests/support/child_process.cpp
+    ${PROJECT_SOURCE_DIR}/tests/support/server_process.cpp)
