@@ -5,9 +5,9 @@
 // Requests ask QueryNetwork and get_proxy before every transfer, so these must cost next to
 // nothing: the state is a small block in a file of the state directory ("network.state") that
 // every process maps shared on first use. Reading it is a few loads from memory, and a change
-// made by one process is seen by all at their next call. Writers serialise on an flock of the
-// file; the proxy text, which can't be written in one store, is read under a sequence counter
-// (odd while a writer is at work) and read again when it moved.
+// made by one process is seen by all at their next call. The state is one atomic word; the proxy
+// text, which can't be written in one store, is read and written under an flock of the file (and
+// a mutex, since an flock doesn't keep apart the threads of one process).
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -32,21 +32,20 @@ namespace {
 // bit below the mask that says the network manager runs.
 constexpr int kQueryConnected = 0x0100 | 0x0001;
 constexpr int kQueryManagerOnly = 0x0001;
-constexpr uint32_t kMagic = 0x514e5331;  // "QNS1"
+constexpr uint32_t kMagic = 0x514e5332;  // "QNS2"
 constexpr size_t kProxyCapacity = 1024;
 
 struct NetworkBlock {
     uint32_t magic;
-    std::atomic<uint32_t> sequence;
     std::atomic<int32_t> state;
     char proxy[kProxyCapacity];
 };
-static_assert(std::atomic<uint32_t>::is_always_lock_free, "the block is shared between processes");
+static_assert(std::atomic<int32_t>::is_always_lock_free, "the block is shared between processes");
 
 class FileLock {
 public:
-    explicit FileLock(int fd) : fd_(fd) {
-        while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+    explicit FileLock(int fd, int operation = LOCK_EX) : fd_(fd) {
+        while (::flock(fd_, operation) != 0 && errno == EINTR) {
         }
     }
     ~FileLock() { ::flock(fd_, LOCK_UN); }
@@ -78,6 +77,7 @@ public:
 
     int fd() const { return fd_; }
     const std::string& path() const { return path_; }
+    std::mutex& proxy_mutex() { return proxy_mutex_; }
 
 private:
     void Map(const std::string& path) {
@@ -103,7 +103,6 @@ private:
             FileLock lock(fd);
             if (block->magic != kMagic) {
                 block->state.store(NET_STATE_CONNECTED);
-                block->sequence.store(0);
                 block->proxy[0] = '\0';
                 block->magic = kMagic;
             }
@@ -121,6 +120,7 @@ private:
     }
 
     std::mutex mutex_;
+    std::mutex proxy_mutex_;
     NetworkBlock* block_ = nullptr;
     int fd_ = -1;
     std::string path_;
@@ -134,29 +134,22 @@ int CurrentState() {
 }
 
 std::string ReadProxy() {
-    NetworkBlock* block = SharedNetworkState::Instance().Block();
+    SharedNetworkState& shared = SharedNetworkState::Instance();
+    NetworkBlock* block = shared.Block();
     if (!block) return {};
-    for (;;) {
-        uint32_t before = block->sequence.load(std::memory_order_acquire);
-        if (before % 2 == 0) {
-            std::string copy(block->proxy, ::strnlen(block->proxy, kProxyCapacity - 1));
-            std::atomic_thread_fence(std::memory_order_acquire);
-            if (block->sequence.load(std::memory_order_relaxed) == before) return copy;
-        }
-        ::sched_yield();
-    }
+    std::lock_guard<std::mutex> threads(shared.proxy_mutex());
+    FileLock processes(shared.fd(), LOCK_SH);
+    return std::string(block->proxy, ::strnlen(block->proxy, kProxyCapacity - 1));
 }
 
 void WriteProxy(const char* proxy) {
     SharedNetworkState& shared = SharedNetworkState::Instance();
     NetworkBlock* block = shared.Block();
     if (!block) return;
-    FileLock lock(shared.fd());
-    block->sequence.fetch_add(1, std::memory_order_acq_rel);
-    std::atomic_thread_fence(std::memory_order_release);
+    std::lock_guard<std::mutex> threads(shared.proxy_mutex());
+    FileLock processes(shared.fd());
     std::strncpy(block->proxy, proxy ? proxy : "", kProxyCapacity - 1);
     block->proxy[kProxyCapacity - 1] = '\0';
-    block->sequence.fetch_add(1, std::memory_order_release);
 }
 
 }  // namespace
