@@ -10,3 +10,6 @@ find_package(PkgConfig REQUIRED)
 find_package(CURL REQUIRED)
 find_package(OpenSSL REQUIRED COMPONENTS Crypto SSL)
 pkg_check_modules(HTTPLIB IMPORTED_TARGET cpp-httplib)
+
+# User agent: Boost's header-only uuid (random generator) for GenerateUUID.
+find_package(Boost 1.74 REQUIRED)
