@@ -1,8 +1,12 @@
 #include "download_test_support.h"
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
+#include <netinet/in.h>
 #include <openssl/evp.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -199,6 +203,18 @@ void WriteProgress(const std::string& path, int32_t offset, int32_t total) {
     std::memcpy(bytes.data(), &offset, 4);
     std::memcpy(bytes.data() + 4, &total, 4);
     WriteFile(path, bytes);
+}
+
+int ClosedPort() {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    socklen_t length = sizeof address;
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    ::close(fd);
+    return ntohs(address.sin_port);
 }
 
 bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
