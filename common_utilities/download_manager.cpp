@@ -107,6 +107,18 @@ void DownloadManager::FinalizeItem(ManagedItem* item, int result) {
     delete item;
 }
 
+void DownloadManager::SetCookie(const std::string& name, const std::string& value) {
+    downloader_.SetCookie(name, value);
+}
+
+void DownloadManager::AddHeader(const std::string& name, const std::string& value) {
+    downloader_.AddHeader(name, value);
+}
+
+void DownloadManager::ClearHeaders() {
+    downloader_.ClearHeaders();
+}
+
 Downloader::StatusInfo DownloadManager::GetStatus() {
     return downloader_.GetStatus();
 }

@@ -57,6 +57,11 @@ public:
     // Calls the item's callback with `result`, then deletes the item. Nothing for null.
     void FinalizeItem(ManagedItem* item, int result);
 
+    // Sent with every transfer from the next on (see Downloader).
+    void SetCookie(const std::string& name, const std::string& value);
+    void AddHeader(const std::string& name, const std::string& value);
+    void ClearHeaders();
+
     // The state of the transfer under way, or of the last one.
     Downloader::StatusInfo GetStatus();
     // Where the last finished item was put; read it inside OnComplete.
