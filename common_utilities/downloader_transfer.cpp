@@ -32,6 +32,10 @@ constexpr long kLowSpeedLimit = 1;
 constexpr long kLowSpeedTime = 30;
 constexpr long kMaxRedirects = 10;
 constexpr const char* kUserAgent = "Quorvel";
+// Pieces of up to 100 KiB reach the write callback instead of libcurl's 16 KiB: the progress
+// record is rewritten once per piece, so larger pieces mean a sixth of the small writes to the
+// storage, and a transfer as fast as the system's download programs.
+constexpr long kReceiveBuffer = 100 * 1024;
 constexpr const char* kFilenamePattern = ".*filename=[ ]*\"(([^\"]|\\.)*)\".*";
 
 // Sets options in order and stops at the first that libcurl refuses, which is logged.
@@ -206,7 +210,7 @@ int Downloader::ConfigureTransfer(DownloadContext& context, curl_slist** headers
         curl_easy_setopt(curl, CURLOPT_PROXY, proxy);
         clean_proxy_object(&proxy);
     }
-    options.Set(CURLOPT_USERAGENT, kUserAgent);
+    options.Set(CURLOPT_USERAGENT, kUserAgent).Set(CURLOPT_BUFFERSIZE, kReceiveBuffer);
     return options.ok() ? QV_OK : QV_FAILED;
 }
 
