@@ -355,7 +355,11 @@ int DownloadOne(const DownloadOptions& options) {
         wakeup.WaitBriefly();
         status = downloader.GetStatus();
         if (status.total > 0) progress.SetTotal(static_cast<uint64_t>(status.total));
-        progress.Update(static_cast<uint64_t>(status.current));
+        // Until the worker has read the record, the count starts at 0 rather than where it
+        // resumes.
+        if (status.current > 0 || resumed == 0) {
+            progress.Update(static_cast<uint64_t>(status.current));
+        }
     }
     progress.Finish();
 
@@ -404,6 +408,13 @@ int DownloadSync(const DownloadOptions& options) {
         Progress progress(name, 0, Progress::Unit::kBytes);
         while (!done) {
             std::this_thread::sleep_for(kPollInterval);
+            if (done) {
+                // Where the download ended, however quick it was.
+                Downloader::StatusInfo last = sync.GetLastStatus();
+                if (last.total > 0) progress.SetTotal(static_cast<uint64_t>(last.total));
+                progress.Update(static_cast<uint64_t>(last.current));
+                break;
+            }
             if (interrupt.raised() && !cancelled) cancelled = sync.CancelCurrent() == QV_OK;
             bool active = false;
             std::string current_url;
