@@ -21,8 +21,17 @@
 // QV_BUSY for as long as it stands. Abort is the way out of a pause. Applications have always
 // seen a pause this way; code built on it relies on the repeated notifications.
 //
+// A resume needs the whole size: given with the item, or learned from the server by an earlier
+// attempt that got to its end. With neither, the record can't be checked against anything and an
+// interrupted download starts over.
+//
 // Files are limited to 2 GiB - 1 bytes: the progress record holds 32-bit offsets, and a transfer
 // that would go past that fails instead of wrapping.
+//
+// The worker lives until Stop, which the destructor calls: an owner that is itself a callback
+// calls Stop first in its own destructor, so that no notification reaches it half destroyed.
+// Stop interrupts a running transfer like a killed process would, keeping its files, and
+// notifies nothing more; nothing else sends the worker away.
 #pragma once
 
 #include <pthread.h>

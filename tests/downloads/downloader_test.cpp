@@ -350,10 +350,7 @@ TEST_F(DownloaderTest, GuardsBeforeInitAndOnBadItems) {
     Downloader bare;
     FileToSync book = Book(FileUrl(server_, 1, 10), "x.bin");
     EXPECT_EQ(bare.Start(book, kFolder, nullptr), QV_NOT_INITIALIZED);
-    EXPECT_EQ(bare.Retry(nullptr), QV_NOT_INITIALIZED);
     EXPECT_EQ(bare.Abort(nullptr), QV_NOT_INITIALIZED);
-    EXPECT_EQ(bare.Pause(nullptr), QV_NOT_INITIALIZED);
-    EXPECT_EQ(bare.Resume(nullptr), QV_NOT_INITIALIZED);
     EXPECT_TRUE(log.Has(kError, PidLine("Condition: \"cb_\", return(\"QV_NOT_INITIALIZED\")]")));
     EXPECT_EQ(bare.GetStatus().status, Downloader::DS_Idle);
     EXPECT_EQ(bare.Init(nullptr), QV_WRONG_STATE);
@@ -387,20 +384,12 @@ TEST_F(DownloaderTest, CookieHeadersAndUserAgentGoWithEveryTransfer) {
     EXPECT_NE(sent.find("header Cookie: session=def\n"), std::string::npos) << sent;
 }
 
-TEST_F(DownloaderTest, ThePlatformsProxyAndNetworkAreUsed) {
+TEST_F(DownloaderTest, ThePlatformsProxyIsUsed) {
     qvhost_set_proxy(server_.Url("").c_str());
     FileToSync far = Book("http://books.invalid/catalog/1.epub", "proxied.txt");
     ASSERT_EQ(Run(far).status.status, Downloader::DS_Finished);
     EXPECT_EQ(qvtest::ReadFile(Temp("proxied.txt")), "proxied http://books.invalid/catalog/1.epub");
     qvhost_set_proxy(nullptr);
-
-    // Down: the download asks the platform for a network first.
-    qvhost_set_network_up(0);
-    int connects = qvhost_net_connect_count();
-    ASSERT_EQ(Run(Book(FileUrl(server_, 1, 100), "online.bin")).status.status,
-              Downloader::DS_Finished);
-    EXPECT_EQ(qvhost_net_connect_count(), connects + 1);
-    EXPECT_EQ(GetNetState(), NET_STATE_CONNECTED);
 }
 
 TEST_F(DownloaderTest, StopInterruptsATransferAndKeepsItsFiles) {
