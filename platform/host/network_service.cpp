@@ -39,6 +39,10 @@ struct NetworkBlock {
     uint32_t magic;
     std::atomic<int32_t> state;
     char proxy[kProxyCapacity];
+    // Behind the first fields so that a block made before they existed reads them as zero,
+    // which is their default: a network in reach, no connect asked for yet.
+    std::atomic<int32_t> unreachable;
+    std::atomic<int32_t> connect_calls;
 };
 static_assert(std::atomic<int32_t>::is_always_lock_free, "the block is shared between processes");
 
@@ -192,6 +196,33 @@ const char* qvhost_network_path(void) {
     thread_local std::string path;
     path = qvhost::StatePath("network.state");
     return path.c_str();
+}
+
+}  // extern "C"
+
+// ---- Bringing the link up ------------------------------------------------------------------
+// A host has no radio to wait for: NetConnect2 succeeds at once unless a test has put the device
+// out of reach of every network, and each call is counted for the tests that check who connects.
+
+extern "C" {
+
+int NetConnect2(const char* /*network_name*/, int /*flags*/) {
+    NetworkBlock* block = SharedNetworkState::Instance().Block();
+    if (!block) return -1;
+    block->connect_calls.fetch_add(1, std::memory_order_relaxed);
+    if (block->unreachable.load(std::memory_order_acquire) != 0) return -1;
+    block->state.store(NET_STATE_CONNECTED, std::memory_order_release);
+    return 0;
+}
+
+void qvhost_set_network_reachable(int reachable) {
+    NetworkBlock* block = SharedNetworkState::Instance().Block();
+    if (block) block->unreachable.store(reachable ? 0 : 1, std::memory_order_release);
+}
+
+int qvhost_net_connect_count(void) {
+    NetworkBlock* block = SharedNetworkState::Instance().Block();
+    return block ? block->connect_calls.load(std::memory_order_relaxed) : 0;
 }
 
 }  // extern "C"

@@ -197,4 +197,24 @@ int ScreenHeight(void);
 }
 #endif
 
+/* ------------------------------------------------------------------------------------------ */
+/* Network service: bringing the link up                                                       */
+/* ------------------------------------------------------------------------------------------ */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Connects to the network named `network_name` (NULL: the network the device would choose
+ * itself, the last one used or the best one in reach) and blocks until the link is up or the
+ * attempt has failed. `flags` 0 connects quietly, without the platform's progress dialog.
+ * 0 when connected (GetNetState then reports NET_STATE_CONNECTED), negative when no connection
+ * could be made. Callers that only need "some network" pass (NULL, 0) and judge the outcome by
+ * what they do next. */
+int NetConnect2(const char* network_name, int flags);
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif /* MOORGLASS_H */

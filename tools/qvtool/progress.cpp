@@ -45,7 +45,8 @@ Progress::~Progress() {
 
 std::string Progress::Render(uint64_t done) const {
     double elapsed = std::chrono::duration<double>(Clock::now() - start_).count();
-    double rate = elapsed > 0 ? static_cast<double>(done) / elapsed : 0;
+    double fresh = done > base_ ? static_cast<double>(done - base_) : 0;
+    double rate = elapsed > 0 ? fresh / elapsed : 0;
     auto amount = [this](double value) {
         return unit_ == Unit::kBytes ? FormatBytes(value) : std::to_string(std::llround(value));
     };

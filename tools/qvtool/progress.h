@@ -20,6 +20,9 @@ public:
     Progress& operator=(const Progress&) = delete;
 
     void SetTotal(uint64_t total) { total_ = total; }
+    // Work that was done before this run (a resumed download): shown, but not counted in the
+    // rate.
+    void StartFrom(uint64_t done) { base_ = done; }
     void Update(uint64_t done);
     // Draws the last state and ends the line.
     void Finish();
@@ -36,6 +39,7 @@ private:
     bool terminal_;
     bool finished_ = false;
     uint64_t done_ = 0;
+    uint64_t base_ = 0;
     int last_tenth_ = -1;
     Clock::time_point start_;
     Clock::time_point last_draw_{};

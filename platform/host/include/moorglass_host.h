@@ -99,4 +99,20 @@ void qvhost_set_screen_size(int width, int height);
 }
 #endif
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Bringing the network up (all processes; libmoorglass.so) ----------------------------- */
+
+/* Whether NetConnect2 finds a network (non-zero, the default) or fails and leaves the link state
+ * as it is. Kept in "network.state" with the link state. */
+void qvhost_set_network_reachable(int reachable);
+/* How many times any process of the device has called NetConnect2. */
+int qvhost_net_connect_count(void);
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif /* MOORGLASS_HOST_H */

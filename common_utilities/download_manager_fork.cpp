@@ -1,0 +1,81 @@
+// DownloadManagerFork: the thread that runs wget for each queued item.
+
+#include "common_utilities/download_manager_fork.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <system_error>
+
+namespace quorvel {
+namespace utilities {
+namespace {
+
+constexpr long kWaitMs = 100;
+// Bits of system()'s result that carry a non-zero exit status (and all of them for -1).
+constexpr int kExitStatusMask = 0xFF00;
+
+// Characters that keep a meaning inside double quotes for the shell.
+bool SafeInDoubleQuotes(const std::string& text) {
+    return text.find_first_of("\"\\$`") == std::string::npos;
+}
+
+}  // namespace
+
+DownloadManagerFork::DownloadManagerFork() : running_(false) {
+    queue_.Init();
+}
+
+DownloadManagerFork::~DownloadManagerFork() {
+    running_ = false;
+    if (!thread_.joinable()) return;
+    try {
+        thread_.join();
+    } catch (const std::system_error& e) {
+        // Destroyed from one of its own callbacks: the thread can't wait for itself.
+        QV_LOG_ERROR("join failed with %s", e.what());
+        thread_.detach();
+    }
+}
+
+int DownloadManagerFork::Init(const std::string& folder) {
+    QV_RETURN_IF(running_, QV_WRONG_STATE);
+    folder_ = folder;
+    running_ = true;
+    thread_ = std::thread(&DownloadManagerFork::Run, this);
+    return QV_OK;
+}
+
+int DownloadManagerFork::AddItem(const FileToSync& file, Callback callback) {
+    QV_RETURN_UNLESS(callback, QV_INVAL);
+    queue_.Push(DownloadItem{file, std::move(callback)});
+    return QV_OK;
+}
+
+void DownloadManagerFork::Run() {
+    while (running_) {
+        DownloadItem item;
+        if (queue_.Wait(kWaitMs, &item) != QV_OK) continue;
+        Process(item);
+    }
+}
+
+void DownloadManagerFork::Process(const DownloadItem& item) {
+    std::string final_path = folder_ + "/" + item.file.name;
+    std::string temp = final_path + ".download";
+    if (!SafeInDoubleQuotes(item.file.url) || !SafeInDoubleQuotes(temp)) {
+        QV_LOG_ERROR("Refusing to pass [%s] to the shell", item.file.url.c_str());
+        item.callback(QV_FAILED, item.file);
+        return;
+    }
+    std::string command = "wget -O \"" + temp + "\" \"" + item.file.url + "\"";
+    int rc = std::system(command.c_str());
+    if (rc & kExitStatusMask) {
+        item.callback(QV_FAILED, item.file);
+        return;
+    }
+    std::rename(temp.c_str(), final_path.c_str());
+    item.callback(QV_OK, item.file);
+}
+
+}  // namespace utilities
+}  // namespace quorvel

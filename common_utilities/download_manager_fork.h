@@ -1,0 +1,54 @@
+// DownloadManagerFork: downloads handed to the system's wget, one at a time, from a thread of
+// its own. No resume: each item runs `wget -O "<folder>/<name>.download" "<url>"`, and the file is
+// renamed to "<folder>/<name>" when wget exits with status 0 (or is killed by a signal, which
+// leaves no exit status to judge). A failed item keeps its partial ".download" file.
+//
+// Both arguments stand in double quotes on the shell line. An item whose URL or name holds a
+// character the shell would act on inside them (", \, $ or `) is refused with -1 without running
+// anything: such a URL would break the line or run what it carries.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "common_utilities/downloader.h"
+#include "common_utilities/message_queue.h"
+
+namespace quorvel {
+namespace utilities {
+
+class QV_EXPORT DownloadManagerFork {
+public:
+    using Callback = std::function<void(int result, FileToSync file)>;
+
+    struct DownloadItem {
+        FileToSync file;
+        Callback callback;
+    };
+
+    DownloadManagerFork();
+    // Stops the thread after the item it runs; waiting items are dropped unreported.
+    ~DownloadManagerFork();
+    DownloadManagerFork(const DownloadManagerFork&) = delete;
+    DownloadManagerFork& operator=(const DownloadManagerFork&) = delete;
+
+    // Starts the thread. 0, or QV_WRONG_STATE when it runs already.
+    int Init(const std::string& folder);
+    // Queues an item; `callback` gets 0 or -1 on the manager's thread. 0, or QV_INVAL for an
+    // empty callback (there would be no one to tell).
+    int AddItem(const FileToSync& file, Callback callback);
+
+private:
+    void Run();
+    void Process(const DownloadItem& item);
+
+    std::string folder_;
+    MessageQueue<DownloadItem> queue_;
+    std::thread thread_;
+    std::atomic<bool> running_;
+};
+
+}  // namespace utilities
+}  // namespace quorvel
