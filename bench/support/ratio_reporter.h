@@ -39,6 +39,9 @@ struct Ratio {
 // The tolerance of a ratio that is reported for scale, with no aim to meet.
 constexpr double kNoAim = -1.0;
 
+// "aim: within 5%", "aim: no slower" (tolerance 0), or "for scale, no aim" (kNoAim).
+std::string AimText(double tolerance);
+
 // One line per ratio, "wrapper/raw insert 100k: 1.03x (aim: within 5%)", marked when the aim is
 // missed or a side did not run. Returns how many ratios missed.
 int PrintRatios(const RecordingReporter& reporter, const std::vector<Ratio>& ratios,
