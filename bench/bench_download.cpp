@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "common_utilities/downloader.h"
+#include "peak_memory.h"
 #include "ratio_reporter.h"
 #include "server_process.h"
 
@@ -53,28 +54,7 @@ std::string Url(size_t size) {
     return g_server->Url("/dl/file/1/" + std::to_string(size));
 }
 
-// Memory a transfer adds to this process at its peak: the kernel's high-water mark of resident
-// memory, which writing "5" to clear_refs sets back to the present size, less that size.
-class PeakMemory {
-public:
-    PeakMemory() : start_(Read("VmRSS:")) { std::ofstream("/proc/self/clear_refs") << "5"; }
-    double AddedMegabytes() const { return Read("VmHWM:") - start_; }
-
-private:
-    static double Read(const char* field) {
-        std::ifstream status("/proc/self/status");
-        std::string line;
-        size_t length = std::strlen(field);
-        while (std::getline(status, line)) {
-            if (line.compare(0, length, field) == 0) {
-                return std::strtod(line.c_str() + length, nullptr) / 1024.0;
-            }
-        }
-        return 0;
-    }
-
-    double start_;
-};
+using qvbench::PeakMemory;
 
 void CheckAndRemove(const std::string& path, size_t size) {
     struct stat st {};

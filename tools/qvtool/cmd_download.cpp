@@ -28,6 +28,7 @@
 #include "common_utilities/download_manager.h"
 #include "common_utilities/downloader.h"
 #include "common_utilities/sync_downloader.h"
+#include "failure_reason.h"
 #include "moorglass.h"
 #include "moorglass_host.h"
 #include "progress.h"
@@ -82,40 +83,8 @@ private:
     struct sigaction previous_ {};
 };
 
-// ---- The library's reasons ---------------------------------------------------------------------
-
 // A failed transfer is told only in the library's log: the last curl code there says why.
-class FailureReason {
-public:
-    FailureReason() { qvhost_set_log_sink(&FailureReason::Sink, this); }
-    ~FailureReason() { qvhost_set_log_sink(nullptr, nullptr); }
-    FailureReason(const FailureReason&) = delete;
-    FailureReason& operator=(const FailureReason&) = delete;
-
-    std::string Describe() const {
-        static const std::regex curl_code(R"(with curl error \[(\d+)\])");
-        std::lock_guard<std::mutex> lock(mutex_);
-        std::smatch match;
-        if (std::regex_search(last_error_, match, curl_code)) {
-            int code = std::stoi(match[1]);
-            return std::string(curl_easy_strerror(static_cast<CURLcode>(code))) + " (curl code " +
-                   std::to_string(code) + ")";
-        }
-        return last_error_.empty() ? "see --verbose for the library's log" : last_error_;
-    }
-
-private:
-    static void Sink(void* user, int level, const char*, const char*, int, const char*,
-                     const char* message) {
-        if (level != QV_LOG_ERROR) return;
-        auto* self = static_cast<FailureReason*>(user);
-        std::lock_guard<std::mutex> lock(self->mutex_);
-        self->last_error_ = message;
-    }
-
-    mutable std::mutex mutex_;
-    std::string last_error_;
-};
+constexpr const char* kDownloaderCurlCode = R"(with curl error \[(\d+)\])";
 
 // ---- Options -----------------------------------------------------------------------------------
 
@@ -327,7 +296,7 @@ int ReportInterrupted(const Downloader::StatusInfo& status, const FileToSync& it
 
 int DownloadOne(const DownloadOptions& options) {
     InterruptFlag interrupt;
-    FailureReason reason;
+    FailureReason reason(kDownloaderCurlCode);
     FileToSync item = Item(options.urls.front(), options.name, options);
     Wakeup wakeup;
     Downloader downloader;
@@ -392,7 +361,7 @@ int DownloadOne(const DownloadOptions& options) {
 
 int DownloadSync(const DownloadOptions& options) {
     InterruptFlag interrupt;
-    FailureReason reason;
+    FailureReason reason(kDownloaderCurlCode);
     const std::string url = options.urls.front();
     const std::string name = options.name ? *options.name : NameFromUrl(url);
     SyncDownloader sync(options.dir);
@@ -454,7 +423,7 @@ struct Completion {
 
 int DownloadQueue(const DownloadOptions& options) {
     InterruptFlag interrupt;
-    FailureReason reason;
+    FailureReason reason(kDownloaderCurlCode);
     std::vector<FileToSync> items;
     for (const auto& url : options.urls)
         items.push_back(Item(url, std::nullopt, options));

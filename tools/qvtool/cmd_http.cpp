@@ -17,6 +17,7 @@
 
 #include "cli.h"
 #include "common_utilities/http_request.h"
+#include "failure_reason.h"
 #include "moorglass.h"
 #include "moorglass_host.h"
 #include "progress.h"
@@ -44,33 +45,7 @@ struct HttpOptions {
 };
 
 // The library reports a failed transfer only in its log; the last error line tells why.
-class FailureReason {
-public:
-    FailureReason() { qvhost_set_log_sink(&FailureReason::Sink, this); }
-    ~FailureReason() { qvhost_set_log_sink(nullptr, nullptr); }
-    FailureReason(const FailureReason&) = delete;
-    FailureReason& operator=(const FailureReason&) = delete;
-
-    // "Couldn't connect to server (curl code 7)", or the log line itself.
-    std::string Describe() const {
-        static const std::regex curl_code(R"(curl_easy_\w+ failed with \[(\d+)\])");
-        std::smatch match;
-        if (std::regex_search(last_error_, match, curl_code)) {
-            int code = std::stoi(match[1]);
-            return std::string(curl_easy_strerror(static_cast<CURLcode>(code))) + " (curl code " +
-                   std::to_string(code) + ")";
-        }
-        return last_error_.empty() ? "see --verbose for the library's log" : last_error_;
-    }
-
-private:
-    static void Sink(void* user, int level, const char*, const char*, int, const char*,
-                     const char* message) {
-        if (level == QV_LOG_ERROR) static_cast<FailureReason*>(user)->last_error_ = message;
-    }
-
-    std::string last_error_;
-};
+constexpr const char* kRunnerCurlCode = R"(curl_easy_\w+ failed with \[(\d+)\])";
 
 HttpOptions ReadOptions(Args& args) {
     HttpOptions options;
@@ -206,7 +181,7 @@ long RunWholeBody(HttpRequestRunner& runner, const HttpRequest& request,
                   const HttpOptions& options) {
     long status = 0;
     std::vector<char> response;
-    FailureReason reason;
+    FailureReason reason(kRunnerCurlCode);
     if (runner.PerformRequest(request, &status, &response) != 0) {
         throw Failure(kFailed, "request failed: " + reason.Describe());
     }
@@ -243,7 +218,7 @@ long RunStreaming(HttpRequestRunner& runner, HttpRequest& request, const HttpOpt
         return sink.Write(data, length) ? length : 0;
     };
     long status = 0;
-    FailureReason reason;
+    FailureReason reason(kRunnerCurlCode);
     if (runner.PerformRequest(request, &status, &headers, read, write) != 0) {
         throw Failure(kFailed, "request failed: " + reason.Describe());
     }
