@@ -82,9 +82,6 @@ struct ProgressRecord {
 ProgressRecord ReadProgress(const std::string& path);
 void WriteProgress(const std::string& path, int32_t offset, int32_t total);
 
-// A loopback port nobody listens on: a server that is not there.
-int ClosedPort();
-
 // Polls `condition` every 5 ms; false on timeout.
 bool Eventually(const std::function<bool()>& condition,
                 std::chrono::milliseconds timeout = std::chrono::seconds(30));

@@ -24,6 +24,7 @@ namespace {
 
 using quorvel::utilities::HttpRequest;
 using quorvel::utilities::HttpRequestRunner;
+using qvtest::ClosedPort;
 using qvtest::HttpTestServer;
 using qvtest::LogCapture;
 using qvtest::PidLine;
@@ -103,19 +104,6 @@ std::string EchoHeader(const std::string& echo, const std::string& name) {
 std::string EchoBody(const std::string& echo) {
     size_t gap = echo.find("\n\n");
     return gap == std::string::npos ? "<missing>" : echo.substr(gap + 2);
-}
-
-// A loopback port nobody listens on.
-int ClosedPort() {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
 }
 
 std::string ReadFile(const std::string& path) {

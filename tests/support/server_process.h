@@ -58,4 +58,7 @@ private:
 // The program of this build that HttpTestServer runs.
 std::string HttpTestServerProgram();
 
+// A loopback port nobody listens on: a server "that is not there".
+int ClosedPort();
+
 }  // namespace qvtest
