@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "common_utilities/downloader.h"
+#include "measured_program.h"
 #include "peak_memory.h"
 #include "ratio_reporter.h"
 #include "server_process.h"
@@ -161,31 +162,14 @@ void PlainLibcurl(benchmark::State& state) {
     Finish(state, "plain libcurl, 512 MB", kLarge, peak);
 }
 
-// A program under /usr/bin/time for its peak memory: a child spawned from here would be charged
-// this process's peak too.
-void Program(benchmark::State& state, const char* label, std::vector<std::string> command) {
-    const std::string report = "/tmp/bench_download.rss";
-    std::vector<std::string> words = {"/usr/bin/time", "-f", "%M", "-o", report};
-    words.insert(words.end(), command.begin(), command.end());
-    std::vector<char*> argv;
-    for (auto& word : words)
-        argv.push_back(word.data());
-    argv.push_back(nullptr);
+// A program of the same job, its memory measured on its own.
+void Program(benchmark::State& state, const char* label, const std::vector<std::string>& command) {
     double peak = 0;
     for (auto _ : state) {
-        pid_t pid = 0;
-        if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
-            Die("can't run " + command.front());
-        }
-        int status = 0;
-        if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-            Die(command.front() + " failed");
-        }
+        auto rss = qvbench::RunMeasured(command);
+        if (!rss) Die(command.front() + " failed");
         state.PauseTiming();
-        std::ifstream kilobytes(report);
-        double rss = 0;
-        kilobytes >> rss;
-        peak = std::max(peak, rss / 1024.0);
+        peak = std::max(peak, *rss);
         CheckAndRemove(kTarget, kLarge);
         state.ResumeTiming();
     }

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "common_utilities/http_request.h"
+#include "measured_program.h"
 #include "peak_memory.h"
 #include "ratio_reporter.h"
 #include "server_process.h"
@@ -120,32 +121,16 @@ void CurlIntoVector(benchmark::State& state) {
     Finish(state, peak);
 }
 
-// The curl program, under /usr/bin/time for its peak memory: a child spawned from here would be
-// charged this process's peak too.
+// The curl program, its memory measured on its own.
 void CurlProgram(benchmark::State& state) {
-    const std::string url = Url();
-    const std::string report = "/tmp/bench_http_body.rss";
-    std::vector<std::string> words = {"/usr/bin/time", "-f",     "%M", "-o",        report, "curl",
-                                      "--silent",      "--fail", "-o", "/dev/null", url};
-    std::vector<char*> argv;
-    for (auto& word : words)
-        argv.push_back(word.data());
-    argv.push_back(nullptr);
+    const std::vector<std::string> command = {"curl", "--silent",  "--fail",
+                                              "-o",   "/dev/null", Url()};
     double peak = 0;
     for (auto _ : state) {
-        pid_t pid = 0;
-        if (posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
-            Die("can't run curl under /usr/bin/time");
-        }
-        int status = 0;
-        if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-            Die("curl failed");
-        }
+        auto rss = qvbench::RunMeasured(command);
+        if (!rss) Die("curl failed");
         state.PauseTiming();
-        std::ifstream kilobytes(report);
-        double rss = 0;
-        kilobytes >> rss;
-        peak = std::max(peak, rss / 1024.0);
+        peak = std::max(peak, *rss);
         state.ResumeTiming();
     }
     Finish(state, peak);

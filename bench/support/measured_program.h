@@ -1,0 +1,16 @@
+// Runs a program for a benchmark and measures its peak memory. The program runs under
+// /usr/bin/time, which reports the child's own high-water mark: a child spawned straight from the
+// benchmark would be charged the benchmark's peak too.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qvbench {
+
+// Peak resident memory of one successful run in MB; nothing when the program can't be started
+// or doesn't exit with 0.
+std::optional<double> RunMeasured(const std::vector<std::string>& command);
+
+}  // namespace qvbench
