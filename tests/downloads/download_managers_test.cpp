@@ -32,15 +32,8 @@ using qvtest::FileUrl;
 using qvtest::Sha256OfFile;
 using qvtest::Sha256OfPattern;
 
-const std::string kFolder = "/mnt/ext1/Downloads";
-
-FileToSync Book(const std::string& url, const std::string& name, int32_t size = 0) {
-    FileToSync book;
-    book.url = url;
-    book.name = name;
-    book.size = size;
-    return book;
-}
+const std::string& kFolder = qvtest::kDownloadFolder;
+using qvtest::Book;
 
 // What completion callbacks reported, in order, with the final path as the manager had it then.
 class Completions {

@@ -214,4 +214,16 @@ bool Eventually(const std::function<bool()>& condition, std::chrono::millisecond
     return true;
 }
 
+quorvel::utilities::FileToSync Book(const std::string& url, const std::string& name, int32_t size) {
+    quorvel::utilities::FileToSync book;
+    book.url = url;
+    book.name = name;
+    book.size = size;
+    return book;
+}
+
+std::string Temp(const std::string& name) {
+    return kDownloadFolder + "/" + name + ".downloading";
+}
+
 }  // namespace qvtest

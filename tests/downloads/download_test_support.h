@@ -19,6 +19,15 @@ namespace qvtest {
 
 using quorvel::utilities::Downloader;
 
+// The folder the download tests save into.
+inline const std::string kDownloadFolder = "/mnt/ext1/Downloads";
+
+// An item of download work.
+quorvel::utilities::FileToSync Book(const std::string& url, const std::string& name,
+                                    int32_t size = 0);
+// The data file of `name` in the tests' folder while it downloads.
+std::string Temp(const std::string& name);
+
 // One notification: its context and the status read inside it.
 struct Notification {
     void* context;

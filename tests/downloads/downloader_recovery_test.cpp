@@ -31,19 +31,9 @@ using qvtest::Sha256OfFile;
 using qvtest::Sha256OfPattern;
 
 constexpr int kError = 1;
-const std::string kFolder = "/mnt/ext1/Downloads";
-
-FileToSync Book(const std::string& url, const std::string& name, int32_t size = 0) {
-    FileToSync book;
-    book.url = url;
-    book.name = name;
-    book.size = size;
-    return book;
-}
-
-std::string Temp(const std::string& name) {
-    return kFolder + "/" + name + ".downloading";
-}
+const std::string& kFolder = qvtest::kDownloadFolder;
+using qvtest::Book;
+using qvtest::Temp;
 
 // The downloader is made on demand: a test that forks does so while the process has no thread.
 class DownloadRecovery : public ::testing::Test {

@@ -27,7 +27,9 @@ using qvtest::Sha256OfFile;
 using qvtest::Sha256OfPattern;
 
 constexpr int kError = 1, kNotice = 3, kInfo = 4;
-const std::string kFolder = "/mnt/ext1/Downloads";
+const std::string& kFolder = qvtest::kDownloadFolder;
+using qvtest::Book;
+using qvtest::Temp;
 
 // Distinct addresses to hand over as contexts.
 int g_start_tag, g_pause_tag, g_abort_tag, g_retry_tag, g_second_tag;
@@ -36,18 +38,6 @@ void* const kPause = &g_pause_tag;
 void* const kAbort = &g_abort_tag;
 void* const kRetry = &g_retry_tag;
 void* const kSecond = &g_second_tag;
-
-FileToSync Book(const std::string& url, const std::string& name, int32_t size = 0) {
-    FileToSync book;
-    book.url = url;
-    book.name = name;
-    book.size = size;
-    return book;
-}
-
-std::string Temp(const std::string& name) {
-    return kFolder + "/" + name + ".downloading";
-}
 
 // The statuses of the recorded notifications from `from` on.
 std::vector<Downloader::Status> Statuses(const std::vector<Notification>& all, size_t from = 0) {
