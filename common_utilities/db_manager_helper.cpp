@@ -139,21 +139,12 @@ int DbManagerHelper::GetDb(Sqlite& db, const std::string& path) {
 }
 
 int DbManagerHelper::OpenAtVersion(Sqlite& db, const std::string& path) {
-    int rc;
     if (db.open_no_create(path) != SQLITE_OK) {
-        rc = db.open(path);
-        if (rc != SQLITE_OK) {
-            QV_LOG_ERR(rc);
-            return rc;
-        }
-        rc = CreateSchema(db);
-        if (rc != 0) {
-            QV_LOG_ERR(rc);
-            return rc;
-        }
+        int rc = CreateDatabase(db, path);
+        if (rc != 0) return rc;
     }
     // On a new file as on an old one; on a new one the tables exist already at this point.
-    rc = Setup(db);
+    int rc = Setup(db);
     if (rc != 0) {
         QV_LOG_ERR(rc);
         return rc;
@@ -180,7 +171,11 @@ int DbManagerHelper::ReplaceDatabase(Sqlite& db, const std::string& path) {
         QV_LOG_ERR(rc);
         return rc;
     }
-    rc = db.open(path);
+    return CreateDatabase(db, path);
+}
+
+int DbManagerHelper::CreateDatabase(Sqlite& db, const std::string& path) {
+    int rc = db.open(path);
     if (rc != SQLITE_OK) {
         QV_LOG_ERR(rc);
         return rc;

@@ -70,6 +70,8 @@ private:
     // shared-memory files too: left behind, they would be replayed into the new file.
     int RemoveDatabase(const std::string& path);
     int ReplaceDatabase(Sqlite& db, const std::string& path);
+    // Opens (creating) the file and creates the schema in it; 0, or the logged failing code.
+    int CreateDatabase(Sqlite& db, const std::string& path);
 
     std::string db_path;
     std::string corrupted_key;
