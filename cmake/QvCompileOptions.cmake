@@ -1,5 +1,13 @@
 # Compiler settings shared by every target of the project.
 
+# Rebuilds of the same sources (several build directories, several checkouts) come from the
+# compiler cache when the machine has one.
+find_program(QV_CCACHE ccache)
+if(QV_CCACHE)
+    set(CMAKE_C_COMPILER_LAUNCHER ${QV_CCACHE})
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${QV_CCACHE})
+endif()
+
 # Warnings are errors on our own code only; third-party headers come in as system includes.
 function(qv_strict_warnings target)
     target_compile_options(${target} PRIVATE -Wall -Wextra -Werror)
