@@ -282,24 +282,20 @@ TEST(WorkingThread, AStopSurvivesWhatTheRunningTaskDoesToTheQueue) {
         auto late = WrapTask([&late_runs] { ++late_runs; });
         std::weak_ptr<IRunnable> late_watch = late;
         std::atomic<pid_t> tid{0};
-        Gate started, stopped;
+        Gate started, go;
         auto* worker = new WorkingThread();
         ASSERT_EQ(worker->Run(), 0);
         worker->EnqueueTask(WrapTask([&, worker, late = std::move(late)] {
             tid = ThreadId();
             started.Open();
-            if (c.task_stops_itself)
-                worker->StopAndDeleteAsync();
-            else
-                stopped.WaitOpen();
+            go.WaitOpen();  // until the test is done with the worker
+            if (c.task_stops_itself) worker->StopAndDeleteAsync();
             c.then(*worker, late);
         }));
         worker->EnqueueTask(WrapTask([&late_runs] { ++late_runs; }));
         ASSERT_TRUE(started.WaitOpen());
-        if (!c.task_stops_itself) {
-            worker->StopAndDeleteAsync();
-            stopped.Open();
-        }
+        if (!c.task_stops_itself) worker->StopAndDeleteAsync();
+        go.Open();
         EXPECT_TRUE(WaitUntil([&] { return !ThreadAlive(tid); }, 3s)) << "the thread never ended";
         // Deleted with its queue: nothing holds the late task any more, and it never ran.
         EXPECT_TRUE(WaitUntil([&] { return late_watch.expired(); }, 3s));
