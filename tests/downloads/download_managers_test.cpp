@@ -29,8 +29,8 @@ using quorvel::utilities::DownloadManagerFork;
 using quorvel::utilities::FileToSync;
 using quorvel::utilities::SyncDownloader;
 using qvtest::Exists;
-using qvtest::ReadFile;
 using qvtest::FileUrl;
+using qvtest::ReadFile;
 using qvtest::Sha256OfFile;
 using qvtest::Sha256OfPattern;
 
