@@ -56,8 +56,12 @@ TEST(QvtoolAudiobooks, AddStateBookmarksListShowAndRemove) {
     ExpectExit(0, Qv({"audiobooks", "add", "mp3", "Second", "--author", "Ann", "--chapter",
                       "/mnt/ext1/B/01.mp3|0|100|One", "--chapter",
                       "/mnt/ext1/B/02.mp3|0|3:20|Two"}));
+    auto zipped = qvtest::RunProgram(
+        {"sh", "-c", "mkdir -p /tmp/z/d && echo x > /tmp/z/d/01.mp3 && cd /tmp/z && zip -qr /mnt/ext1/b.zip d"});
+    ASSERT_TRUE(zipped.Succeeded()) << zipped.Describe();
     ExpectExit(0, Qv({"audiobooks", "add", "zip", "First", "--chapter",
-                      "/mnt/ext1/b.zip:#zip(d/01.mp3)|0|60"}));
+                      "/mnt/ext1/b.zip:#zip(d/01.mp3)|0|60", "--chapter",
+                      "/mnt/ext1/b.zip:#zip(d/02.mp3)|0|60"}));
     ExpectExit(2, Qv({"audiobooks", "add", "ogg", "X"}));
     ExpectExit(2, Qv({"audiobooks", "add", "mp3", "X", "--chapter", "/a.mp3|9|1"}));
 
@@ -81,6 +85,10 @@ TEST(QvtoolAudiobooks, AddStateBookmarksListShowAndRemove) {
     EXPECT_THAT(show.output, HasSubstr("40% read, at 0:02:00 (track 1, 0:00:20)"));
     EXPECT_THAT(show.output, testing::ContainsRegex("0:02:30 +mark +remember"));
     EXPECT_THAT(show.output, testing::ContainsRegex("2 +Two +0:00:00 +0:03:20 +0:01:40"));
+    EXPECT_THAT(show.output, testing::ContainsRegex("/mnt/ext1/B/01.mp3 +no"));
+    auto zip_show = Qv({"audiobooks", "show", "2"});
+    EXPECT_THAT(zip_show.output, testing::ContainsRegex("zip\\(d/01.mp3\\) +yes"));
+    EXPECT_THAT(zip_show.output, testing::ContainsRegex("zip\\(d/02.mp3\\) +no"));
 
     for (auto args : std::vector<std::vector<std::string>>{{"audiobooks", "show", "9"},
                                                          {"audiobooks", "state", "9", "0", "1"},

@@ -15,6 +15,7 @@
 
 #include "cli.h"
 #include "common_utilities/audio/audio_books_manager.h"
+#include "common_utilities/old_zip/qv_zip_manager.h"
 #include "progress.h"
 #include "table.h"
 
@@ -115,9 +116,18 @@ int RunList(Args& args) {
 
 // ---- audiobooks show ------------------------------------------------------------------------
 
+// A plain file, or a member of an archive in the "<archive>:#zip(<entry>)" form.
 bool FileExists(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0;
+    const size_t marker = path.find(":#zip(");
+    if (marker == std::string::npos) {
+        struct stat info {};
+        return ::stat(path.c_str(), &info) == 0;
+    }
+    const size_t begin = marker + 6;
+    if (path.size() <= begin || path.back() != ')') return false;
+    quorvel::QVZipManager zip;
+    return zip.Open(path.substr(0, marker), path.substr(begin, path.size() - begin - 1)) ==
+           quorvel::QVZM_OK;
 }
 
 void PrintFiles(const AudioBook& book) {
@@ -129,10 +139,8 @@ void PrintFiles(const AudioBook& book) {
     std::cout << "\nFiles (" << FormatBytes(static_cast<double>(book.getBookSize()))
               << " on the device):\n";
     Table table({"FILE", "PRESENT"});
-    for (const auto& path : paths) {
-        const std::string file = path.substr(0, path.find(":#zip("));
-        table.AddRow({path, FileExists(file) ? "yes" : "no"});
-    }
+    for (const auto& path : paths)
+        table.AddRow({path, FileExists(path) ? "yes" : "no"});
     table.Print(std::cout);
 }
 
