@@ -50,10 +50,11 @@ void Fill(sqlite3* db) {
                         "', 'Author " + std::to_string(seed % 613) + "', 'Novel', 36000)");
         ExecRaw(db, "INSERT INTO folders (storageid, name) VALUES (1, '" + dir + "')");
         if (book % 3 == 0) {
-            ExecRaw(db, "INSERT INTO book_state (book_id, read_position, read_percents, "
-                        "last_read_ts) VALUES (" +
-                            std::to_string(book) + ", '" + dir + "/01.mp3:#loc(12)', 40, " +
-                            std::to_string(1700000000 + book) + ")");
+            ExecRaw(db,
+                    "INSERT INTO book_state (book_id, read_position, read_percents, "
+                    "last_read_ts) VALUES (" +
+                        std::to_string(book) + ", '" + dir + "/01.mp3:#loc(12)', 40, " +
+                        std::to_string(1700000000 + book) + ")");
         }
         for (int no = 1; no <= kChapters; ++no) {
             const std::string id = std::to_string((book - 1) * kChapters + no);
@@ -85,9 +86,9 @@ sqlite3* Raw() {
     static sqlite3* db = [] {
         Store();
         sqlite3* raw = OpenRaw(kPath);
-        for (const char* pragma : {"PRAGMA page_size=8192", "PRAGMA synchronous=1",
-                                   "PRAGMA journal_mode = WAL", "PRAGMA temp_store = 2",
-                                   "PRAGMA locking_mode = NORMAL"})
+        for (const char* pragma :
+             {"PRAGMA page_size=8192", "PRAGMA synchronous=1", "PRAGMA journal_mode = WAL",
+              "PRAGMA temp_store = 2", "PRAGMA locking_mode = NORMAL"})
             ExecRaw(raw, pragma);
         return raw;
     }();
@@ -102,10 +103,10 @@ std::string Text(sqlite3_stmt* st, int column) {
 std::vector<std::shared_ptr<AudioBook>> RawBooks() {
     std::vector<std::shared_ptr<AudioBook>> books;
     sqlite3_stmt* st = nullptr;
-    Check(sqlite3_prepare_v2(Raw(), kBooksByTitle.c_str(), -1, &st, nullptr), SQLITE_OK,
-          "prepare");
+    Check(sqlite3_prepare_v2(Raw(), kBooksByTitle.c_str(), -1, &st, nullptr), SQLITE_OK, "prepare");
     while (sqlite3_step(st) == SQLITE_ROW) {
-        auto book = AudioBook::factory(static_cast<AudioBook::AudioBookType>(sqlite3_column_int(st, 1)));
+        auto book =
+            AudioBook::factory(static_cast<AudioBook::AudioBookType>(sqlite3_column_int(st, 1)));
         if (!book) continue;
         book->setId(sqlite3_column_int(st, 0));
         book->setTitle(Text(st, 2));

@@ -97,7 +97,8 @@ void Minizip(benchmark::State& state) {
         unzFile zip = unzOpen64(kArchive);
         if (!zip) Die("unzOpen64");
         for (const auto& member : Members()) {
-            if (unzLocateFile(zip, member.c_str(), 2) != UNZ_OK || unzOpenCurrentFile(zip) != UNZ_OK)
+            if (unzLocateFile(zip, member.c_str(), 2) != UNZ_OK ||
+                unzOpenCurrentFile(zip) != UNZ_OK)
                 Die("minizip open member");
             int got;
             while ((got = unzReadCurrentFile(zip, buffer.data(), kPiece)) > 0)

@@ -41,8 +41,7 @@ int AudioBook::getChapterDuration(unsigned index) const {
 }
 
 float AudioBook::getBookPercents(int track, int position) const {
-    return static_cast<float>(getPositionInBook(track, position)) /
-           static_cast<float>(duration_);
+    return static_cast<float>(getPositionInBook(track, position)) / static_cast<float>(duration_);
 }
 
 std::string AudioBook::MakeLocation(const std::string& path, int position) {

@@ -61,8 +61,9 @@ std::shared_ptr<AudioBook> ReadBook(const Statement& st) {
 std::vector<std::shared_ptr<AudioBook>> AudioBooksManager::getAudioBooks(Order order) {
     std::vector<std::shared_ptr<AudioBook>> result;
     const std::string sql =
-        std::string(" SELECT b.id, b.type, b.title, b.artist, b.genre, b.duration, s.book_id, "
-                    "s.read_position, s.read_percents, s.last_read_ts ") +
+        std::string(
+            " SELECT b.id, b.type, b.title, b.artist, b.genre, b.duration, s.book_id, "
+            "s.read_position, s.read_percents, s.last_read_ts ") +
         " FROM audiobooks b LEFT OUTER JOIN book_state s ON s.book_id = b.id" + OrderClause(order);
     std::unique_ptr<Statement> st = db_.prepare(sql);
     QV_RETURN_IF(!st.get(), result);

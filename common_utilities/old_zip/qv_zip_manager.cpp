@@ -105,10 +105,10 @@ long QVZipManager::GetCurrentFileSize() const {
     QV_RETURN_UNLESS(IsOpen(), QVZM_NOT_OPENED, "No opened file.");
     QV_RETURN_UNLESS(IsCurrentOpen(), QVZM_CURRENT_NOT_OPENED, "No opened current file.");
     unz_file_info64 info{};
-    QV_RETURN_UNLESS(unzGetCurrentFileInfo64(zip_f_, &info, nullptr, 0, nullptr, 0, nullptr, 0) ==
-                         UNZ_OK,
-                     QVZM_ERROR_GET_INFO, "Error on get file info [%s] in archive [%s]",
-                     current_file.c_str(), zip_filepath.c_str());
+    QV_RETURN_UNLESS(
+        unzGetCurrentFileInfo64(zip_f_, &info, nullptr, 0, nullptr, 0, nullptr, 0) == UNZ_OK,
+        QVZM_ERROR_GET_INFO, "Error on get file info [%s] in archive [%s]", current_file.c_str(),
+        zip_filepath.c_str());
     return static_cast<long>(info.uncompressed_size);
 }
 
@@ -122,8 +122,8 @@ int QVZipManager::GetFilesList(std::list<std::string>& out) {
     for (;;) {
         char name[kNameBuffer] = {};
         unz_file_info64 info{};
-        if (unzGetCurrentFileInfo64(zip_f_, &info, name, sizeof name - 1, nullptr, 0, nullptr,
-                                    0) != UNZ_OK ||
+        if (unzGetCurrentFileInfo64(zip_f_, &info, name, sizeof name - 1, nullptr, 0, nullptr, 0) !=
+                UNZ_OK ||
             name[0] == '\0')
             return QVZM_OK;
         out.emplace_back(name);

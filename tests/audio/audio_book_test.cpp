@@ -68,8 +68,8 @@ void WriteFile(const std::string& path, size_t size) {
 TEST(AudioBook, FactoryAndPlainRecord) {
     EXPECT_EQ(nullptr, AudioBook::factory(static_cast<AudioBook::AudioBookType>(0)));
     EXPECT_EQ(nullptr, AudioBook::factory(static_cast<AudioBook::AudioBookType>(5)));
-    for (auto type : {AudioBook::EmptyType, AudioBook::M4bType, AudioBook::Mp3Type,
-                      AudioBook::Mp3ZipType}) {
+    for (auto type :
+         {AudioBook::EmptyType, AudioBook::M4bType, AudioBook::Mp3Type, AudioBook::Mp3ZipType}) {
         auto book = AudioBook::factory(type);
         ASSERT_NE(nullptr, book);
         EXPECT_EQ(type, book->getType());
@@ -86,7 +86,8 @@ TEST(AudioBook, FactoryAndPlainRecord) {
     EXPECT_EQ(200, book->getChapterDuration(1));
     EXPECT_EQ(0, book->getChapterDuration(4));
     // Milliseconds are truncated, not rounded.
-    EXPECT_EQ(1, Book(AudioBook::Mp3Type, 0, {MakeChapter(1, "/x", 0, 1999)})->getChapterDuration(0));
+    EXPECT_EQ(1,
+              Book(AudioBook::Mp3Type, 0, {MakeChapter(1, "/x", 0, 1999)})->getChapterDuration(0));
 }
 
 TEST(AudioBook, M4bChapterWalkAtEveryBoundary) {
@@ -133,7 +134,7 @@ TEST(AudioBook, Mp3ConversionsWalkTheFilesInTurn) {
     EXPECT_EQ(0, book->getPositionInBook(-1, 5));
     ExpectPlace(book->getPositionInTrack(305), 5, 2);
     ExpectPlace(book->getPositionInTrack(99), 99, 0);
-    ExpectPlace(book->getPositionInTrack(100), 0, 1);  // exactly on a boundary
+    ExpectPlace(book->getPositionInTrack(100), 0, 1);    // exactly on a boundary
     ExpectPlace(book->getPositionInTrack(599), 299, 2);  // last second of the last chapter
     ExpectPlace(book->getPositionInTrack(600), 0, 0);
     ExpectPlace(book->getPositionInTrack(-5), 0, 0);
@@ -162,9 +163,10 @@ TEST(AudioBook, Mp3ConversionsWalkTheFilesInTurn) {
 }
 
 TEST(AudioBook, Mp3PlaylistFollowsChapterNumbers) {
-    auto book = Book(AudioBook::Mp3Type, 60,
-                     {MakeChapter(3, "/c.mp3", 0, 30000, "C"), MakeChapter(1, "/a.mp3", 0, 10000, "A"),
-                      MakeChapter(1, "/b.mp3", 0, 20000, "B"), MakeChapter(-2, "/n.mp3", 0, 1000)});
+    auto book =
+        Book(AudioBook::Mp3Type, 60,
+             {MakeChapter(3, "/c.mp3", 0, 30000, "C"), MakeChapter(1, "/a.mp3", 0, 10000, "A"),
+              MakeChapter(1, "/b.mp3", 0, 20000, "B"), MakeChapter(-2, "/n.mp3", 0, 1000)});
     auto playlist = book->getBookPlaylist();
     ASSERT_EQ(2u, playlist.size());
     EXPECT_EQ("/a.mp3", playlist[0].path);
@@ -217,8 +219,8 @@ TEST(AudioBook, FilesOnTheDeviceOfMp3AndM4bBooks) {
 
 // Books without chapters, and the book without content, answer nothing everywhere.
 TEST(AudioBook, EmptyBooksConvertToNothing) {
-    for (auto type : {AudioBook::EmptyType, AudioBook::M4bType, AudioBook::Mp3Type,
-                      AudioBook::Mp3ZipType}) {
+    for (auto type :
+         {AudioBook::EmptyType, AudioBook::M4bType, AudioBook::Mp3Type, AudioBook::Mp3ZipType}) {
         auto book = Book(type, 100, {});
         SCOPED_TRACE(type);
         EXPECT_TRUE(book->getBookPlaylist().empty());

@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "../media/media_test_support.h"
 #include "child_process.h"
 #include "common_utilities/audio/audio_books_manager.h"
 #include "log_capture.h"
-#include "../media/media_test_support.h"
 #include "moorglass_host.h"
 
 namespace {
@@ -110,19 +110,18 @@ TEST(AudioBooksStore, FirstStartMakesTheFileAndLaterStartsKeepIt) {
 TEST(AudioBooksStore, ABookIsStoredRowByRowAndAChapterWithATakenNumberIsLost) {
     {
         AudioBooksManager store;
-        ASSERT_EQ(QV_OK, store.addAudioBook(MakeBook(
-                             AudioBook::Mp3Type, "Mp3", "A", 300,
-                             {MakeChapter(2, "/mnt/ext1/B/02.mp3", 200000, "Two"),
-                              MakeChapter(1, "/mnt/ext1/B/01.mp3", 100000, "One")})));
-        ASSERT_EQ(QV_OK, store.addAudioBook(MakeBook(
-                             AudioBook::M4bType, "M4b", "B", 120,
-                             {MakeChapter(1, "/mnt/ext1/b.m4b", 60000),
-                              MakeChapter(2, "/mnt/ext1/b.m4b", 120000)})));
+        ASSERT_EQ(QV_OK, store.addAudioBook(
+                             MakeBook(AudioBook::Mp3Type, "Mp3", "A", 300,
+                                      {MakeChapter(2, "/mnt/ext1/B/02.mp3", 200000, "Two"),
+                                       MakeChapter(1, "/mnt/ext1/B/01.mp3", 100000, "One")})));
+        ASSERT_EQ(QV_OK, store.addAudioBook(MakeBook(AudioBook::M4bType, "M4b", "B", 120,
+                                                     {MakeChapter(1, "/mnt/ext1/b.m4b", 60000),
+                                                      MakeChapter(2, "/mnt/ext1/b.m4b", 120000)})));
         // Chapters numbered 1, 1: the second is refused by the key, silently.
-        ASSERT_EQ(QV_OK, store.addAudioBook(MakeBook(
-                             AudioBook::Mp3Type, "Twice", "C", 20,
-                             {MakeChapter(1, "/mnt/ext1/T/first.mp3", 10000),
-                              MakeChapter(1, "/mnt/ext1/T/second.mp3", 10000)})));
+        ASSERT_EQ(QV_OK,
+                  store.addAudioBook(MakeBook(AudioBook::Mp3Type, "Twice", "C", 20,
+                                              {MakeChapter(1, "/mnt/ext1/T/first.mp3", 10000),
+                                               MakeChapter(1, "/mnt/ext1/T/second.mp3", 10000)})));
     }
     EXPECT_EQ("3", Count("audiobooks"));
     EXPECT_THAT(Query(kFile, "SELECT COUNT(*) FROM files GROUP BY book_id ORDER BY book_id"),
@@ -157,11 +156,12 @@ TEST(AudioBooksStore, ABookIsStoredRowByRowAndAChapterWithATakenNumberIsLost) {
 TEST(AudioBooksStore, StateIsOneRowPerBookAndOrdersTheLastReadList) {
     {
         AudioBooksManager store;
-        for (auto [title, author, duration] :
-             {std::tuple{"beta", "Zed", 300}, {"Alpha", "amy", 100}, {"Gamma", "Bob", 200},
-              {"delta", "Cid", 50}})
-            ASSERT_EQ(QV_OK, store.addAudioBook(MakeBook(AudioBook::Mp3Type, title, author,
-                                                         duration)));
+        for (auto [title, author, duration] : {std::tuple{"beta", "Zed", 300},
+                                               {"Alpha", "amy", 100},
+                                               {"Gamma", "Bob", 200},
+                                               {"delta", "Cid", 50}})
+            ASSERT_EQ(QV_OK,
+                      store.addAudioBook(MakeBook(AudioBook::Mp3Type, title, author, duration)));
         ASSERT_EQ(QV_OK, store.setState(1, MakeState("/a.mp3:#loc(1)", 10, 1000)));
         ASSERT_EQ(QV_OK, store.setState(3, MakeState("/g.mp3:#loc(3)", 30, 3000)));
     }
@@ -174,7 +174,8 @@ TEST(AudioBooksStore, StateIsOneRowPerBookAndOrdersTheLastReadList) {
     ASSERT_TRUE(child.Succeeded()) << child.Describe();
     EXPECT_EQ("1", QueryOne(kFile, "SELECT COUNT(*) FROM book_state WHERE book_id = 1"));
     EXPECT_NE(first_id, QueryOne(kFile, "SELECT id FROM book_state WHERE book_id = 1"));
-    EXPECT_EQ("5000000000", QueryOne(kFile, "SELECT last_read_ts FROM book_state WHERE book_id = 1"));
+    EXPECT_EQ("5000000000",
+              QueryOne(kFile, "SELECT last_read_ts FROM book_state WHERE book_id = 1"));
 
     AudioBooksManager store;
     using M = AudioBooksManager;
@@ -207,11 +208,11 @@ TEST(AudioBooksStore, ZipPathsAreStoredSplitAndComeBackUnchanged) {
     const std::string archive = "/mnt/ext1/Books/b.mp3.zip";
     {
         AudioBooksManager store;
-        ASSERT_EQ(QV_OK, store.addAudioBook(MakeBook(
-                             AudioBook::Mp3ZipType, "Zip", "Z", 60,
-                             {MakeChapter(1, archive + ":#zip(d/01.mp3)", 30000),
-                              MakeChapter(2, archive + ":#zip(d/02.mp3)", 30000),
-                              MakeChapter(3, archive + ":#zip(top.mp3)", 1000)})));
+        ASSERT_EQ(QV_OK,
+                  store.addAudioBook(MakeBook(AudioBook::Mp3ZipType, "Zip", "Z", 60,
+                                              {MakeChapter(1, archive + ":#zip(d/01.mp3)", 30000),
+                                               MakeChapter(2, archive + ":#zip(d/02.mp3)", 30000),
+                                               MakeChapter(3, archive + ":#zip(top.mp3)", 1000)})));
     }
     EXPECT_THAT(Query(kFile, "SELECT name FROM folders ORDER BY name"),
                 ElementsAre("/mnt/ext1/Books", "/mnt/ext1/Books/b.mp3.zip:#zip(d"));
@@ -277,10 +278,9 @@ TEST(AudioBooksStore, RemovalTakesEverythingThatHangsOnTheBook) {
         AudioBooksManager store;
         for (const char* name : {"Gone", "Stays"}) {
             const std::string dir = std::string("/mnt/ext1/") + name;
-            ASSERT_EQ(QV_OK, store.addAudioBook(MakeBook(
-                                 AudioBook::Mp3Type, name, "", 20,
-                                 {MakeChapter(1, dir + "/1.mp3", 10000),
-                                  MakeChapter(2, dir + "/2.mp3", 10000)})));
+            ASSERT_EQ(QV_OK, store.addAudioBook(MakeBook(AudioBook::Mp3Type, name, "", 20,
+                                                         {MakeChapter(1, dir + "/1.mp3", 10000),
+                                                          MakeChapter(2, dir + "/2.mp3", 10000)})));
         }
         for (int64_t id : {1, 2}) {
             ASSERT_EQ(QV_OK, store.setState(id, MakeState("/x:#loc(1)", 1, 1)));
@@ -311,8 +311,9 @@ TEST(AudioBooksStore, ABookOnACardThatIsAwayIsStillListed) {
     qvhost_set_card_serial("CA4D");
     {
         AudioBooksManager store;
-        ASSERT_EQ(QV_OK, store.addAudioBook(MakeBook(AudioBook::Mp3Type, "On card", "", 10,
-                                                     {MakeChapter(1, "/mnt/ext2/A/1.mp3", 10000)})));
+        ASSERT_EQ(QV_OK,
+                  store.addAudioBook(MakeBook(AudioBook::Mp3Type, "On card", "", 10,
+                                              {MakeChapter(1, "/mnt/ext2/A/1.mp3", 10000)})));
         EXPECT_TRUE(store.isFileAlreadyAdded("/mnt/ext2/A/1.mp3"));
     }
     EXPECT_EQ("2", QueryOne(kFile, "SELECT storageid FROM folders WHERE name = '/mnt/ext2/A'"));
@@ -331,23 +332,24 @@ TEST(AudioBooksStore, ABookOnACardThatIsAwayIsStillListed) {
 
 TEST(AudioBooksStore, AnOldFileIsUpgradedByTheShippedScripts) {
     // A file of version 0, as an older firmware left it: no bookmarks table yet.
-    Exec(kFile, "CREATE TABLE storages(id INTEGER PRIMARY KEY, name TEXT);"
-                "INSERT INTO storages VALUES (1, 'InternalStorage');"
-                "CREATE TABLE folders(id INTEGER PRIMARY KEY AUTOINCREMENT, storageid INTEGER,"
-                " name TEXT, UNIQUE(storageid, name) ON CONFLICT FAIL);"
-                "CREATE TABLE audiobooks(id INTEGER PRIMARY KEY AUTOINCREMENT, type INTEGER,"
-                " title TEXT, artist TEXT, genre TEXT, duration INTEGER);"
-                "CREATE TABLE files(id INTEGER PRIMARY KEY AUTOINCREMENT, book_id INTEGER,"
-                " filename TEXT, folder_id INTEGER, duration INTEGER,"
-                " UNIQUE (book_id, filename, folder_id));"
-                "CREATE TABLE chapters(book_id INTEGER, no INTEGER, file_id INTEGER,"
-                " start_position INTEGER, end_position INTEGER, title,"
-                " PRIMARY KEY (book_id, no));"
-                "CREATE TABLE book_state(id INTEGER PRIMARY KEY AUTOINCREMENT, book_id INTEGER,"
-                " read_position TEXT, read_percents INTEGER, last_read_ts INTEGER,"
-                " UNIQUE (book_id));"
-                "CREATE TABLE version(id INTEGER PRIMARY KEY); INSERT INTO version VALUES (0);"
-                "INSERT INTO audiobooks (type, title, duration) VALUES (3, 'Old book', 10);");
+    Exec(kFile,
+         "CREATE TABLE storages(id INTEGER PRIMARY KEY, name TEXT);"
+         "INSERT INTO storages VALUES (1, 'InternalStorage');"
+         "CREATE TABLE folders(id INTEGER PRIMARY KEY AUTOINCREMENT, storageid INTEGER,"
+         " name TEXT, UNIQUE(storageid, name) ON CONFLICT FAIL);"
+         "CREATE TABLE audiobooks(id INTEGER PRIMARY KEY AUTOINCREMENT, type INTEGER,"
+         " title TEXT, artist TEXT, genre TEXT, duration INTEGER);"
+         "CREATE TABLE files(id INTEGER PRIMARY KEY AUTOINCREMENT, book_id INTEGER,"
+         " filename TEXT, folder_id INTEGER, duration INTEGER,"
+         " UNIQUE (book_id, filename, folder_id));"
+         "CREATE TABLE chapters(book_id INTEGER, no INTEGER, file_id INTEGER,"
+         " start_position INTEGER, end_position INTEGER, title,"
+         " PRIMARY KEY (book_id, no));"
+         "CREATE TABLE book_state(id INTEGER PRIMARY KEY AUTOINCREMENT, book_id INTEGER,"
+         " read_position TEXT, read_percents INTEGER, last_read_ts INTEGER,"
+         " UNIQUE (book_id));"
+         "CREATE TABLE version(id INTEGER PRIMARY KEY); INSERT INTO version VALUES (0);"
+         "INSERT INTO audiobooks (type, title, duration) VALUES (3, 'Old book', 10);");
     MakeScriptsArchive("/zelgrot/share/audiobooks/scripts.tar.gz",
                        {{"0to1.sql",
                          "CREATE TABLE bookmarks ( id INTEGER PRIMARY KEY AUTOINCREMENT,  book_id "

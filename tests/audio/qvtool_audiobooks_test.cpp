@@ -40,8 +40,9 @@ TEST(QvtoolZip, ListsAndWritesMembersAndNamesWhatIsMissing) {
     ExpectExit(0, cat);
     EXPECT_EQ(std::string("bytes\0of\0a track", 16), cat.output);
     auto whole = qvtest::RunProgram(
-        {"sh", "-c", qvtest::BuildProgram("qvtool") +
-                         " zip cat /mnt/ext1/book.zip big.txt | cmp - /tmp/t/big.txt && echo same"});
+        {"sh", "-c",
+         qvtest::BuildProgram("qvtool") +
+             " zip cat /mnt/ext1/book.zip big.txt | cmp - /tmp/t/big.txt && echo same"});
     EXPECT_THAT(whole.output, HasSubstr("same"));
 
     ExpectExit(3, Qv({"zip", "cat", "/mnt/ext1/book.zip", "02.mp3"}));
@@ -53,11 +54,12 @@ TEST(QvtoolZip, ListsAndWritesMembersAndNamesWhatIsMissing) {
 }
 
 TEST(QvtoolAudiobooks, AddStateBookmarksListShowAndRemove) {
-    ExpectExit(0, Qv({"audiobooks", "add", "mp3", "Second", "--author", "Ann", "--chapter",
-                      "/mnt/ext1/B/01.mp3|0|100|One", "--chapter",
-                      "/mnt/ext1/B/02.mp3|0|3:20|Two"}));
-    auto zipped = qvtest::RunProgram(
-        {"sh", "-c", "mkdir -p /tmp/z/d && echo x > /tmp/z/d/01.mp3 && cd /tmp/z && zip -qr /mnt/ext1/b.zip d"});
+    ExpectExit(0,
+               Qv({"audiobooks", "add", "mp3", "Second", "--author", "Ann", "--chapter",
+                   "/mnt/ext1/B/01.mp3|0|100|One", "--chapter", "/mnt/ext1/B/02.mp3|0|3:20|Two"}));
+    auto zipped = qvtest::RunProgram({"sh", "-c",
+                                      "mkdir -p /tmp/z/d && echo x > /tmp/z/d/01.mp3 && cd /tmp/z "
+                                      "&& zip -qr /mnt/ext1/b.zip d"});
     ASSERT_TRUE(zipped.Succeeded()) << zipped.Describe();
     ExpectExit(0, Qv({"audiobooks", "add", "zip", "First", "--chapter",
                       "/mnt/ext1/b.zip:#zip(d/01.mp3)|0|60", "--chapter",
@@ -91,9 +93,9 @@ TEST(QvtoolAudiobooks, AddStateBookmarksListShowAndRemove) {
     EXPECT_THAT(zip_show.output, testing::ContainsRegex("zip\\(d/02.mp3\\) +no"));
 
     for (auto args : std::vector<std::vector<std::string>>{{"audiobooks", "show", "9"},
-                                                         {"audiobooks", "state", "9", "0", "1"},
-                                                         {"audiobooks", "bookmark", "rm", "5"},
-                                                         {"audiobooks", "rm", "9"}})
+                                                           {"audiobooks", "state", "9", "0", "1"},
+                                                           {"audiobooks", "bookmark", "rm", "5"},
+                                                           {"audiobooks", "rm", "9"}})
         ExpectExit(3, Qv(args));
     ExpectExit(0, Qv({"audiobooks", "bookmark", "rm", "1"}));
     ExpectExit(0, Qv({"audiobooks", "rm", "1"}));

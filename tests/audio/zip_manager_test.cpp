@@ -97,8 +97,8 @@ TEST(ZipManager, ReadsArchivesOfBothMakersMemberByMember) {
     EXPECT_EQ(static_cast<long>(big.size()), zip.GetCurrentFileSize());
     EXPECT_EQ(big, ReadAll(zip, 1000));  // pieces that cut lines and inflate blocks
     EXPECT_EQ(static_cast<long>(big.size()), zip.Tell());
-    EXPECT_THAT(Names(zip), testing::UnorderedElementsAre("top.txt", "d1/", "d1/d2/",
-                                                          "d1/d2/deep.txt"));
+    EXPECT_THAT(Names(zip),
+                testing::UnorderedElementsAre("top.txt", "d1/", "d1/d2/", "d1/d2/deep.txt"));
     EXPECT_EQ(quorvel::QVZM_OK, zip.Close());
 
     ASSERT_EQ(quorvel::QVZM_OK, zip.Open("/tmp/py.zip", ""));
@@ -212,13 +212,15 @@ TEST(ZipManager, DamagedArchivesAndOtherFilesAreRefused) {
     mg_mkdir("/tmp/folder.zip", 0755);
 
     LogCapture log;
-    for (const char* path : {"/tmp/cut.zip", "/tmp/plain.txt", "/tmp/folder.zip", "/tmp/none.zip"}) {
+    for (const char* path :
+         {"/tmp/cut.zip", "/tmp/plain.txt", "/tmp/folder.zip", "/tmp/none.zip"}) {
         QVZipManager zip;
         EXPECT_EQ(quorvel::QVZM_NOT_OPENED, zip.Open(path, "m.txt")) << path;
         EXPECT_FALSE(zip.IsOpen()) << path;
-        EXPECT_TRUE(log.Has(1, PidLine(std::string("Condition: \"zip_f_\", "
-                                                   "return(\"QVZM_NOT_OPENED\")]Can't open file [") +
-                                       path + "].")));
+        EXPECT_TRUE(
+            log.Has(1, PidLine(std::string("Condition: \"zip_f_\", "
+                                           "return(\"QVZM_NOT_OPENED\")]Can't open file [") +
+                               path + "].")));
     }
     {
         QVZipManager zip;
@@ -268,8 +270,9 @@ with zipfile.ZipFile(sys.argv[1], 'w', zipfile.ZIP_DEFLATED, compresslevel=1) as
 print(crc)
 )";
     constexpr long kSize = 400L << 20;
-    auto made = qvtest::RunProgram(
-        {"python3", "-c", kMakeHuge, "/tmp/huge.zip", std::to_string(kSize)}, "", std::chrono::seconds(300));
+    auto made =
+        qvtest::RunProgram({"python3", "-c", kMakeHuge, "/tmp/huge.zip", std::to_string(kSize)}, "",
+                           std::chrono::seconds(300));
     ASSERT_TRUE(made.Succeeded()) << made.Describe();
     const unsigned long expected_crc = std::stoul(made.output);
 

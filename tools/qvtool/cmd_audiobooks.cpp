@@ -52,8 +52,8 @@ const char* KindName(AudioBook::AudioBookType type) {
 }
 
 AudioBook::AudioBookType ParseKind(const std::string& word) {
-    for (auto type : {AudioBook::EmptyType, AudioBook::M4bType, AudioBook::Mp3Type,
-                      AudioBook::Mp3ZipType}) {
+    for (auto type :
+         {AudioBook::EmptyType, AudioBook::M4bType, AudioBook::Mp3Type, AudioBook::Mp3ZipType}) {
         if (word == KindName(type)) return type;
     }
     throw Failure(kUsage, "unknown kind " + word + " (mp3, m4b, zip or empty)");
@@ -214,7 +214,8 @@ AudioBook::Chapter ParseChapter(const std::string& text, int32_t no) {
     const long long start = ParseSeconds(fields[1], "chapter start");
     const long long end = ParseSeconds(fields[2], "chapter end");
     if (end < start || end > INT32_MAX / 1000)
-        throw Failure(kUsage, "chapter " + std::to_string(no) + " ends before it starts, or too late");
+        throw Failure(kUsage,
+                      "chapter " + std::to_string(no) + " ends before it starts, or too late");
     chapter.start_position = static_cast<int32_t>(start * 1000);
     chapter.end_position = static_cast<int32_t>(end * 1000);
     if (fields.size() == 4) chapter.title = fields[3];
@@ -261,8 +262,8 @@ int RunAdd(Args& args) {
         throw Failure(kFailed, "could not store the book (see --verbose)");
     const long long id = NewestBookId(library);
     const size_t stored = library.getBookChapters(id).size();
-    std::cout << "added book " << id << ": " << title << " (" << stored << " of "
-              << chapters.size() << " chapters)\n";
+    std::cout << "added book " << id << ": " << title << " (" << stored << " of " << chapters.size()
+              << " chapters)\n";
     if (stored != chapters.size()) throw Failure(kFailed, "some chapters were not stored");
     return kOk;
 }
@@ -392,7 +393,8 @@ const bool registered_state = Register(
     {"audiobooks state", "save where a book was left",
      "usage: qvtool audiobooks state ID LOCATION PERCENT\n"
      "Saves the reading state of book ID: LOCATION is a place in the book (seconds or h:mm:ss)\n"
-     "or a location as stored (FILE:#loc(SECONDS)); PERCENT 0 to 100. The time of reading is now.\n",
+     "or a location as stored (FILE:#loc(SECONDS)); PERCENT 0 to 100. The time of reading is "
+     "now.\n",
      RunState});
 
 const bool registered_bookmark_add = Register(

@@ -61,8 +61,9 @@ int RunCat(Args& args) {
     uint64_t done = 0;
     for (;;) {
         const int got = zip.Read(buffer.data(), buffer.size());
-        if (got < 0) throw Failure(kFailed, entry + " is damaged (minizip error " +
-                                                std::to_string(got) + ")");
+        if (got < 0)
+            throw Failure(kFailed,
+                          entry + " is damaged (minizip error " + std::to_string(got) + ")");
         if (got == 0) break;
         if (std::fwrite(buffer.data(), 1, static_cast<size_t>(got), stdout) !=
             static_cast<size_t>(got))
