@@ -16,9 +16,11 @@
 namespace {
 
 using mediabench::Check;
+using mediabench::ColumnText;
 using mediabench::Die;
 using mediabench::ExecRaw;
 using mediabench::OpenRaw;
+using mediabench::SetUpLikeTheLibrary;
 using quorvel::audio::AudioBook;
 using quorvel::audio::AudioBooksManager;
 
@@ -86,18 +88,10 @@ sqlite3* Raw() {
     static sqlite3* db = [] {
         Store();
         sqlite3* raw = OpenRaw(kPath);
-        for (const char* pragma :
-             {"PRAGMA page_size=8192", "PRAGMA synchronous=1", "PRAGMA journal_mode = WAL",
-              "PRAGMA temp_store = 2", "PRAGMA locking_mode = NORMAL"})
-            ExecRaw(raw, pragma);
+        SetUpLikeTheLibrary(raw);
         return raw;
     }();
     return db;
-}
-
-std::string Text(sqlite3_stmt* st, int column) {
-    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(st, column));
-    return text ? text : "";
 }
 
 std::vector<std::shared_ptr<AudioBook>> RawBooks() {
@@ -109,13 +103,13 @@ std::vector<std::shared_ptr<AudioBook>> RawBooks() {
             AudioBook::factory(static_cast<AudioBook::AudioBookType>(sqlite3_column_int(st, 1)));
         if (!book) continue;
         book->setId(sqlite3_column_int(st, 0));
-        book->setTitle(Text(st, 2));
-        book->setAuthor(Text(st, 3));
-        book->setGenre(Text(st, 4));
+        book->setTitle(ColumnText(st, 2));
+        book->setAuthor(ColumnText(st, 3));
+        book->setGenre(ColumnText(st, 4));
         book->setDuration(sqlite3_column_int(st, 5));
         if (sqlite3_column_type(st, 6) != SQLITE_NULL) {
             AudioBook::State state;
-            state.read_position = Text(st, 7);
+            state.read_position = ColumnText(st, 7);
             state.read_percents = sqlite3_column_int(st, 8);
             state.last_read_ts = sqlite3_column_int(st, 9);
             book->setState(state);
@@ -137,8 +131,8 @@ std::vector<AudioBook::Chapter> RawChapters(int64_t book) {
         chapter.no = sqlite3_column_int(st, 0);
         chapter.start_position = sqlite3_column_int(st, 1);
         chapter.end_position = sqlite3_column_int(st, 2);
-        chapter.title = Text(st, 3);
-        chapter.path = Text(st, 5) + "/" + Text(st, 4);
+        chapter.title = ColumnText(st, 3);
+        chapter.path = ColumnText(st, 5) + "/" + ColumnText(st, 4);
         chapters.push_back(std::move(chapter));
     }
     sqlite3_finalize(st);
