@@ -306,6 +306,35 @@ TEST(AudioBooksStore, RemovalTakesEverythingThatHangsOnTheBook) {
     EXPECT_EQ(QV_OK, store.removeAudioBook(1));  // again: nothing left, no error
 }
 
+// A statement that can't be prepared (its table gone under the manager) is named in the log
+// and answered with a failure or an empty list; the other tables go on working.
+TEST(AudioBooksStore, StatementsThatCannotBePreparedAreReportedByName) {
+    AudioBooksManager store;
+    ASSERT_EQ(QV_OK, store.addAudioBook(MakeBook(AudioBook::Mp3Type, "Book", "", 10,
+                                                 {MakeChapter(1, "/mnt/ext1/B/1.mp3", 10000)})));
+    ASSERT_EQ(QV_OK, store.setState(1, MakeState("/x:#loc(1)", 1, 1)));
+    Exec(kFile, "DROP TABLE bookmarks; DROP TABLE folders");
+    LogCapture log;
+    EXPECT_EQ(QV_FAILED, store.addBookmark(1, Bookmark{}));
+    EXPECT_THAT(store.getBookmarks(1), IsEmpty());
+    EXPECT_EQ(QV_FAILED, store.addFile(1, "/mnt/ext1/B/2.mp3"));
+    EXPECT_FALSE(store.isFileAlreadyAdded("/mnt/ext1/B/1.mp3"));
+    EXPECT_THAT(store.getBookChapters(1), IsEmpty());
+    EXPECT_EQ(QV_FAILED, store.removeAudioBook(1));
+    using qvtest::PidLine;
+    EXPECT_TRUE(log.Has(1, PidLine("Condition: \"!st.get()\", return(\"QV_FAILED\")]")));
+    EXPECT_TRUE(log.Has(1, PidLine("Condition: \"!st.get()\", return(\"result\")]")));
+    EXPECT_TRUE(log.Has(1, PidLine("Condition: \"!st1.get()\", return(\"QV_FAILED\")]")));
+    EXPECT_TRUE(log.Has(1, PidLine("Condition: \"!st.get()\", return(\"false\")]")));
+    EXPECT_TRUE(log.Has(1, PidLine("Condition: \"remove_func(\"DELETE FROM bookmarks WHERE "
+                                   "book_id = ?\") == QV_OK\", return(\"QV_FAILED\")]")));
+    // The removal stopped at the bookmarks: what came before it is gone, the book stays.
+    EXPECT_EQ("0", Count("chapters"));
+    EXPECT_EQ("0", Count("book_state"));
+    EXPECT_EQ(1u, store.getAudioBooks(AudioBooksManager::OrderByTitle).size());
+    ASSERT_EQ(QV_OK, store.setState(1, MakeState("/x:#loc(1)", 1, 1)));
+}
+
 TEST(AudioBooksStore, ABookOnACardThatIsAwayIsStillListed) {
     qvhost_set_card_inserted(1);
     qvhost_set_card_serial("CA4D");
