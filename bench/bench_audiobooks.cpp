@@ -19,6 +19,7 @@ using mediabench::Check;
 using mediabench::ColumnText;
 using mediabench::Die;
 using mediabench::ExecRaw;
+using mediabench::Expect;
 using mediabench::OpenRaw;
 using mediabench::SetUpLikeTheLibrary;
 using quorvel::audio::AudioBook;
@@ -137,11 +138,6 @@ std::vector<AudioBook::Chapter> RawChapters(int64_t book) {
     }
     sqlite3_finalize(st);
     return chapters;
-}
-
-template <typename List>
-void Expect(const List& list, size_t size, const char* what) {
-    if (list.size() != size) Die(what, static_cast<int>(list.size()));
 }
 
 // ---- Benchmarks -----------------------------------------------------------------------------

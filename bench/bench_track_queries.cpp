@@ -156,11 +156,6 @@ std::vector<TrackGroup> RawGroups(const std::string& sql) {
     return groups;
 }
 
-template <typename List>
-void Expect(const List& list, size_t size, const char* what) {
-    if (list.size() != size) Die(what, static_cast<int>(list.size()));
-}
-
 // ---- Memory of the sorted list --------------------------------------------------------------
 
 size_t HeapInUse() {

@@ -41,6 +41,12 @@ inline void ExecRaw(sqlite3* db, const std::string& sql) {
     Check(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK, sql.c_str());
 }
 
+// Stops the benchmark when a list does not have the length the data promises.
+template <typename List>
+void Expect(const List& list, size_t size, const char* what) {
+    if (list.size() != size) Die(what, static_cast<int>(list.size()));
+}
+
 // The PRAGMAs the library's set-up runs on every connection of its databases (temp_store decides
 // where the sorter works), for a bare connection that is to compete on equal terms.
 inline void SetUpLikeTheLibrary(sqlite3* db) {
