@@ -109,23 +109,13 @@ sqlite3* RawLibrary() {
     static sqlite3* db = [] {
         Library();
         sqlite3* raw = OpenRaw(kLibraryPath);
-        // The PRAGMAs of every connection the manager makes: temp_store decides where the
-        // sorter works.
-        for (const char* pragma : {"PRAGMA page_size=8192", "PRAGMA synchronous=1",
-                                   "PRAGMA journal_mode = WAL", "PRAGMA temp_store = 2",
-                                   "PRAGMA locking_mode = NORMAL"})
-            ExecRaw(raw, pragma);
+        SetUpLikeTheLibrary(raw);
         std::string language = mgstate && mgstate->language ? mgstate->language : "en";
         ExecRaw(raw,
                 "SELECT icu_load_collation('" + language + "', 'locale_dependent_collation');");
         return raw;
     }();
     return db;
-}
-
-std::string Text(sqlite3_stmt* st, int column) {
-    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(st, column));
-    return text ? text : "";
 }
 
 std::vector<Track> RawTracks(const std::string& sql, bool with_timestamp) {
@@ -136,15 +126,15 @@ std::vector<Track> RawTracks(const std::string& sql, bool with_timestamp) {
         tracks.emplace_back();
         Track& track = tracks.back();
         track.id = sqlite3_column_int(st, 0);
-        track.title = Text(st, 1);
-        track.artist = Text(st, 2);
-        track.album = Text(st, 3);
+        track.title = ColumnText(st, 1);
+        track.artist = ColumnText(st, 2);
+        track.album = ColumnText(st, 3);
         track.track_no = sqlite3_column_int(st, 4);
-        track.genre = Text(st, 5);
+        track.genre = ColumnText(st, 5);
         track.duration = sqlite3_column_int(st, 6);
-        track.path = Text(st, 8) + "/" + Text(st, 7);
+        track.path = ColumnText(st, 8) + "/" + ColumnText(st, 7);
         track.size = sqlite3_column_int(st, 9);
-        track.fast_hash = Text(st, 10);
+        track.fast_hash = ColumnText(st, 10);
         if (with_timestamp) track.timestamp = sqlite3_column_int(st, 11);
     }
     sqlite3_finalize(st);
@@ -159,16 +149,11 @@ std::vector<TrackGroup> RawGroups(const std::string& sql) {
         TrackGroup group;
         group.type = MediaLibraryManager::GroupArtist;
         group.count = sqlite3_column_int(st, 0);
-        group.name = Text(st, 1);
+        group.name = ColumnText(st, 1);
         groups.push_back(std::move(group));
     }
     sqlite3_finalize(st);
     return groups;
-}
-
-template <typename List>
-void Expect(const List& list, size_t size, const char* what) {
-    if (list.size() != size) Die(what, static_cast<int>(list.size()));
 }
 
 // ---- Memory of the sorted list --------------------------------------------------------------

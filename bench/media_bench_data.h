@@ -41,6 +41,27 @@ inline void ExecRaw(sqlite3* db, const std::string& sql) {
     Check(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK, sql.c_str());
 }
 
+// Stops the benchmark when a list does not have the length the data promises.
+template <typename List>
+void Expect(const List& list, size_t size, const char* what) {
+    if (list.size() != size) Die(what, static_cast<int>(list.size()));
+}
+
+// The PRAGMAs the library's set-up runs on every connection of its databases (temp_store decides
+// where the sorter works), for a bare connection that is to compete on equal terms.
+inline void SetUpLikeTheLibrary(sqlite3* db) {
+    for (const char* pragma :
+         {"PRAGMA page_size=8192", "PRAGMA synchronous=1", "PRAGMA journal_mode = WAL",
+          "PRAGMA temp_store = 2", "PRAGMA locking_mode = NORMAL"})
+        ExecRaw(db, pragma);
+}
+
+// A text column, "" for NULL.
+inline std::string ColumnText(sqlite3_stmt* st, int column) {
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(st, column));
+    return text ? text : "";
+}
+
 // `count` tracks: 12 to an album, 9 albums to an artist, with one artist in seven unknown.
 inline std::vector<Track> MakeTracks(int count) {
     static const char* const kWords[] = {

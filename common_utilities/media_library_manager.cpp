@@ -7,6 +7,8 @@
 #include <ctime>
 #include <stdexcept>
 
+#include "common_utilities/split_path.h"
+
 namespace quorvel {
 namespace utilities {
 namespace {
@@ -40,17 +42,6 @@ int BindFrom(Statement& st, int index, const First& first, const Rest&... rest) 
         return rc;
     }
     return BindFrom(st, index + 1, rest...);
-}
-
-struct SplitPath {
-    std::string folder;  // "" when the path has no "/"
-    std::string name;
-};
-
-SplitPath SplitAtLastSlash(const std::string& path) {
-    size_t slash = path.rfind('/');
-    if (slash == std::string::npos) return {"", path};
-    return {path.substr(0, slash), path.substr(slash + 1)};
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The frame of qvtool's subcommands: registration, arguments, exit codes and errors.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
@@ -73,5 +74,8 @@ long long ParseInteger(const std::string& text, const std::string& what);
 std::string ReadAllInput();
 // A file, whole; kNotFound when it can't be read.
 std::string ReadFileOrFail(const std::string& path);
+
+// Whole seconds from "215", "3:35" or "1:02:03"; a usage error naming `what` otherwise.
+int32_t ParseSeconds(const std::string& text, const std::string& what);
 
 }  // namespace qvtool

@@ -59,23 +59,6 @@ int32_t ParseCount(const std::string& text, const std::string& what) {
     return static_cast<int32_t>(value);
 }
 
-// "215", "3:35" or "1:02:03".
-int32_t ParseSeconds(const std::string& text, const std::string& what) {
-    long long seconds = 0;
-    std::istringstream parts(text);
-    std::string part;
-    int count = 0;
-    while (std::getline(parts, part, ':')) {
-        if (++count > 3 || part.empty()) throw Failure(kUsage, "bad " + what + ": " + text);
-        long long value = ParseInteger(part, what);
-        if (value < 0 || (count > 1 && value > 59))
-            throw Failure(kUsage, "bad " + what + ": " + text);
-        seconds = seconds * 60 + value;
-    }
-    if (count == 0 || seconds > INT32_MAX) throw Failure(kUsage, "bad " + what + ": " + text);
-    return static_cast<int32_t>(seconds);
-}
-
 // ---- Output ---------------------------------------------------------------------------------
 
 void PrintCount(size_t count, const char* one, const char* many) {
