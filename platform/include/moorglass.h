@@ -124,7 +124,9 @@ char* utf_toupper_ext(const char* text);
 /* Sends command `cmd` with argument `arg` to the device shell; 0 when delivered. */
 int mg_ipc_cmd(int cmd, int arg);
 /* A request with a reply: `buffer` holds `input_length` bytes of input and receives the reply,
- * at most `capacity` bytes. 260 encrypts a text, 261 decrypts it. 0 on success. */
+ * at most `capacity` bytes. 260 enciphers a text with the device's key, 261 deciphers it; an
+ * empty text stays empty. A text whose cipher text would not fit comes back empty, and text that
+ * isn't this device's cipher text comes back unchanged, both with a failure. 0 on success. */
 int mg_ipc_request(int cmd, int arg, void* buffer, int input_length, int capacity);
 
 /* ------------------------------------------------------------------------------------------ */
