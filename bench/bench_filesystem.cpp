@@ -140,12 +140,12 @@ BENCHMARK(RemoveLibrary)->Name("remove_20000_files/library")->Apply(Configure);
 BENCHMARK(RemoveProgram)->Name("remove_20000_files/rm")->Apply(Configure);
 
 int main(int argc, char** argv) {
-    int rc = qvbench::RunAndCompare(
-        argc, argv,
-        {{"MoveFiles/mv, 1 GB in 2,000 files, internal storage to card",
-          "move_1gb_2000_files/library", "move_1gb_2000_files/mv", 0.10},
-         {"RemoveDir/rm -r, 20,000 files", "remove_20000_files/library", "remove_20000_files/rm",
-          0.10}});
+    int rc =
+        qvbench::RunAndCompare(argc, argv,
+                               {{"MoveFiles/mv, 1 GB in 2,000 files, internal storage to card",
+                                 "move_1gb_2000_files/library", "move_1gb_2000_files/mv", 0.10},
+                                {"RemoveDir/rm -r, 20,000 files", "remove_20000_files/library",
+                                 "remove_20000_files/rm", 0.10}});
     Clean();
     return rc;
 }

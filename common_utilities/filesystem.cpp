@@ -66,23 +66,24 @@ struct DirCloser {
 using DirHandle = std::unique_ptr<DIR, DirCloser>;
 
 bool SameFile(int fd, const std::string& path) {
-    struct stat a {}, b {};
+    struct stat a {
+    }, b{};
     return ::fstat(fd, &a) == 0 && ::stat(path.c_str(), &b) == 0 && a.st_dev == b.st_dev &&
            a.st_ino == b.st_ino;
 }
 
 // Copies the contents; on failure logs and gives -1.
 int CopyContents(int from, int to, const std::string& file) {
-    std::unique_ptr<char[]> buffer(new char[64 * 1024]);
+    std::vector<char> buffer(64 * 1024);
     for (;;) {
-        ssize_t n = ::read(from, buffer.get(), 64 * 1024);
+        ssize_t n = ::read(from, buffer.data(), buffer.size());
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
             QV_LOG_ERROR("Cant read %s", file.c_str());
             return -1;
         }
         if (n == 0) return 0;
-        if (::write(to, buffer.get(), static_cast<size_t>(n)) != n) {
+        if (::write(to, buffer.data(), static_cast<size_t>(n)) != n) {
             QV_LOG_ERROR("Can't write whole buffer");
             return -1;
         }
@@ -275,8 +276,8 @@ int MoveFile(const std::string& file, const std::string& dest_file) {
     if (OnDifferentStorages(file, target)) {
         if (copy_file(file.c_str(), target.c_str()) != 1) {
             // The source stays: a move that couldn't copy must not lose the file.
-            QV_LOG_ERROR("Can't move file %s to %s (copy), err = %d", file.c_str(),
-                         target.c_str(), errno);
+            QV_LOG_ERROR("Can't move file %s to %s (copy), err = %d", file.c_str(), target.c_str(),
+                         errno);
             return -1;
         }
         int unlinked = ::unlink(file.c_str());
@@ -320,8 +321,8 @@ int MoveEntry(const std::string& dest_dir, const std::string& source_dir, int di
 
 int MoveFiles(const std::string& dest_dir, const std::string& source_dir, bool remove_source) {
     QV_RETURN_IF(source_dir.empty() || dest_dir.empty(), -1);
-    std::unique_ptr<char, decltype(&std::free)> real_source(
-        ::realpath(source_dir.c_str(), nullptr), &std::free);
+    std::unique_ptr<char, decltype(&std::free)> real_source(::realpath(source_dir.c_str(), nullptr),
+                                                            &std::free);
     QV_RETURN_IF(!real_source, -1);
     std::unique_ptr<char, decltype(&std::free)> real_dest(::realpath(dest_dir.c_str(), nullptr),
                                                           &std::free);

@@ -44,8 +44,7 @@ QV_EXPORT bool MatchExtention(const std::string& path, const std::string& filter
 // Names (no path, in the order of reading) of the entries of `dir` that match one of the
 // comma-separated `extensions`; names beginning with "." are skipped. A missing directory gives
 // an empty list.
-QV_EXPORT std::vector<std::string> GetFiles(const std::string& dir,
-                                            const std::string& extensions);
+QV_EXPORT std::vector<std::string> GetFiles(const std::string& dir, const std::string& extensions);
 QV_EXPORT std::vector<std::string> GetFiles(const std::vector<std::string>& dirs,
                                             const std::string& extensions);
 // A backslash before every character the shell would read as syntax.

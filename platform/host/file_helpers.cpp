@@ -102,7 +102,8 @@ int copy_file(const char* from, const char* to) {
         return 0;
     }
     struct stat target {};
-    bool same = ::stat(to, &target) == 0 && target.st_dev == st.st_dev && target.st_ino == st.st_ino;
+    bool same =
+        ::stat(to, &target) == 0 && target.st_dev == st.st_dev && target.st_ino == st.st_ino;
     int out = same ? -1 : ::open(to, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 0777);
     if (out < 0) {  // a file copied onto itself would be truncated before it is read
         ::close(in);

@@ -35,8 +35,8 @@ Table LoadTable(const std::string& language) {
 class Translations {
 public:
     static Translations& Instance() {
-        static Translations* instance = new Translations;  // outlives every caller
-        return *instance;
+        static Translations instance;
+        return instance;
     }
 
     // Null when no table of the chain has the key.

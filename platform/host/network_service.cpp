@@ -203,7 +203,8 @@ const char* qvhost_network_path(void) {
 
 // ---- Bringing the link up ------------------------------------------------------------------
 // A host has no radio to wait for: NetConnect2 succeeds at once unless a test has put the device
-// out of reach of every network (or names a network the service doesn't store), and each call is counted for the tests that check who connects.
+// out of reach of every network (or names a network the service doesn't store), and each call is
+// counted for the tests that check who connects.
 
 extern "C" {
 

@@ -106,7 +106,8 @@ void PutNetworks(ConfigDocument& doc, const std::vector<Network>& networks, Secr
         std::string prefix = "wifi." + std::to_string(i) + ".";
         doc.Set(prefix + "essid", {networks[i].essid, ValueKind::kPlain});
         for (const auto& [field, value] : networks[i].fields) {
-            doc.Set(prefix + field, {value.text, secret(field) ? ValueKind::kSecret : ValueKind::kPlain});
+            doc.Set(prefix + field,
+                    {value.text, secret(field) ? ValueKind::kSecret : ValueKind::kPlain});
         }
     }
 }
@@ -139,11 +140,10 @@ std::vector<Network> RequestedNetworks(const std::string& path) {
     std::vector<Network> networks = NetworksOf(ConfigDocument::Parse(LoadConfigText(path)));
     for (Network& network : networks) {
         bool enciphered = std::atoi(network.Text("key_and_password_encrypted").c_str()) != 0;
-        network.fields.erase(std::remove_if(network.fields.begin(), network.fields.end(),
-                                            [](const auto& entry) {
-                                                return IsTransientField(entry.first);
-                                            }),
-                             network.fields.end());
+        network.fields.erase(
+            std::remove_if(network.fields.begin(), network.fields.end(),
+                           [](const auto& entry) { return IsTransientField(entry.first); }),
+            network.fields.end());
         for (auto& [field, value] : network.fields) {
             if (enciphered && (field == "key" || field == "password")) {
                 value.text = Deciphered(value.text);
@@ -158,9 +158,8 @@ void Store(const std::vector<Network>& added) {
     SaveConfigText(StorePath(), [&added](ConfigDocument& doc) {
         std::vector<Network> networks = NetworksOf(doc);
         for (const Network& network : added) {
-            auto same = std::find_if(networks.begin(), networks.end(), [&](const Network& n) {
-                return n.essid == network.essid;
-            });
+            auto same = std::find_if(networks.begin(), networks.end(),
+                                     [&](const Network& n) { return n.essid == network.essid; });
             if (same != networks.end()) {
                 *same = network;
             } else {
@@ -343,7 +342,8 @@ char* GetNetDNS(void) {
         network ? qvhost::StaticNameServers(*network) : qvhost::HostNameServers();
     if (servers.empty()) return nullptr;
     int count = static_cast<int>(servers.size());
-    char* block = static_cast<char*>(std::calloc(1, sizeof count + servers.size() * NET_ADDRESS_FIELD));
+    char* block =
+        static_cast<char*>(std::calloc(1, sizeof count + servers.size() * NET_ADDRESS_FIELD));
     if (!block) return nullptr;
     std::memcpy(block, &count, sizeof count);
     for (size_t i = 0; i < servers.size(); ++i)

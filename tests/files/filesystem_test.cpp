@@ -136,16 +136,17 @@ TEST(Filesystem, AMoveOntoAFullCardLosesNothing) {
     EXPECT_EQ(fs::MoveFile(kInternal + "/zbig.bin", "/mnt/ext2/small/zbig.bin"), -1);
     EXPECT_EQ(Read(kInternal + "/zbig.bin"), std::string(1024 * 1024, 'b'));
     EXPECT_FALSE(Exists("/mnt/ext2/small/zbig.bin"));
-    EXPECT_TRUE(log.HasFragment(kError, "Can't move file " + kInternal +
-                                            "/zbig.bin to /mnt/ext2/small/zbig.bin (copy), err = "));
+    EXPECT_TRUE(log.HasFragment(
+        kError,
+        "Can't move file " + kInternal + "/zbig.bin to /mnt/ext2/small/zbig.bin (copy), err = "));
 
     // A tree: every file is whole in one place or the other, and the source stays.
     EXPECT_EQ(fs::MoveFiles("/mnt/ext2/small", kInternal, true), -1);
     EXPECT_TRUE(Exists(kInternal));
     EXPECT_EQ(Read(kInternal + "/zbig.bin").size(), 1024u * 1024u);
     EXPECT_FALSE(Exists("/mnt/ext2/small/zbig.bin"));
-    std::string small = Exists(kInternal + "/small.txt") ? kInternal + "/small.txt"
-                                                         : "/mnt/ext2/small/small.txt";
+    std::string small =
+        Exists(kInternal + "/small.txt") ? kInternal + "/small.txt" : "/mnt/ext2/small/small.txt";
     EXPECT_EQ(Read(small).size(), 10u * 1024u);
 
     // CopyFile likewise leaves no half file behind, and never truncates its own source.
@@ -167,7 +168,8 @@ TEST(Filesystem, CopyFileMakesTheTargetDirectoriesAndReportsWhatFails) {
     EXPECT_TRUE(log.Has(kError, PidLine("Can't open /mnt/ext1/none for read")));
     Write("/mnt/ext1/plain", "x");
     EXPECT_EQ(fs::CopyFile(kInternal + "/a b.txt", "/mnt/ext1/plain/more/inside"), ENOTDIR);
-    EXPECT_TRUE(log.Has(kError, PidLine("Can't create directory /mnt/ext1/plain/more with error: 20")));
+    EXPECT_TRUE(
+        log.Has(kError, PidLine("Can't create directory /mnt/ext1/plain/more with error: 20")));
     EXPECT_TRUE(log.Has(kError, PidLine(" err:[20] ")));
 }
 
@@ -223,7 +225,8 @@ TEST(Filesystem, FreeSpaceOfAPathNotYetMadeIsItsStoragesAndTheListingsFilter) {
               (std::vector<std::string>{"a.TXT", "b.txt", "d.Fb2"}));
     EXPECT_EQ(fs::GetFiles("/mnt/ext1/list", "*").size(), 6u);
     EXPECT_TRUE(fs::GetFiles("/mnt/ext1/missing", "*").empty());
-    std::vector<std::string> both = fs::GetFiles(std::vector<std::string>{"/mnt/ext2/list", "/mnt/ext1/list"}, "txt");
+    std::vector<std::string> both =
+        fs::GetFiles(std::vector<std::string>{"/mnt/ext2/list", "/mnt/ext1/list"}, "txt");
     ASSERT_EQ(both.size(), 3u);
     EXPECT_EQ(both[0], "f.txt");
     EXPECT_TRUE(fs::MatchExtention("x.tar.GZ", "*.gz"));
@@ -279,8 +282,9 @@ TEST(Filesystem, TheReaderReadsWholeFilesAndFindsLines) {
     EXPECT_EQ(file.ReadFile("/mnt/ext1/none", text), -1);
     EXPECT_TRUE(log.Has(kError, PidLine("Condition: \"!file\", return(\"-1\")]")));
 
-    ASSERT_EQ(file.WriteFile("/mnt/ext1/lines.txt", std::string("alpha\nbeta 12\n\0gamma\nbeta 7", 27)),
-              0);
+    ASSERT_EQ(
+        file.WriteFile("/mnt/ext1/lines.txt", std::string("alpha\nbeta 12\n\0gamma\nbeta 7", 27)),
+        0);
     std::vector<char> bytes;
     ASSERT_EQ(file.ReadFile("/mnt/ext1/lines.txt", bytes), 0);
     EXPECT_EQ(bytes.size(), 27u);

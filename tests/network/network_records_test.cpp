@@ -49,8 +49,8 @@ std::string Python(const std::string& program) {
 int Secure(int command, std::string& text) {
     std::vector<char> buffer(160, '\0');
     std::memcpy(buffer.data(), text.data(), std::min<size_t>(text.size(), 159));
-    int rc = mg_ipc_request(command, 0, buffer.data(), static_cast<int>(std::strlen(buffer.data()) + 1),
-                            160);
+    int rc = mg_ipc_request(command, 0, buffer.data(),
+                            static_cast<int>(std::strlen(buffer.data()) + 1), 160);
     text = buffer.data();
     return rc;
 }
@@ -84,8 +84,8 @@ open("/mnt/ext1/system/config/network.json", "w").write(json.dumps(doc))
     EXPECT_EQ(first.mode, 2);
     EXPECT_EQ(first.ap.mode, 2);
     EXPECT_EQ(first.ap.security, 3);
-    EXPECT_EQ(first.eaptype, "7");  // a number read as text comes back in decimal
-    EXPECT_EQ(first.key, "");       // no key: what the service gives for nothing
+    EXPECT_EQ(first.eaptype, "7");              // a number read as text comes back in decimal
+    EXPECT_EQ(first.key, "");                   // no key: what the service gives for nothing
     EXPECT_EQ(first.password, "plain secret");  // not cipher text: as it stands
     EXPECT_EQ(first.cacert, "/mnt/ext1/ca.pem");
     const NetworkParam& param = first.network_param;
@@ -109,8 +109,8 @@ TEST(NetworkJson, BrokenOrMissingFilesGiveEmptyLists) {
     qvtest::LogCapture log;
     EXPECT_TRUE(NetworkParser::ReadWiFiConfig("/mnt/ext1/none.json").empty());
     EXPECT_TRUE(log.Has(1, qvtest::PidLine("Can't read json file /mnt/ext1/none.json")));
-    for (const char* text : {"[{\"id\": \"wifi\", \"essid\": ", "{\"id\": \"wifi\", \"essid\": \"x\"}",
-                             "", "null", "[\"wifi\"]"}) {
+    for (const char* text : {"[{\"id\": \"wifi\", \"essid\": ",
+                             "{\"id\": \"wifi\", \"essid\": \"x\"}", "", "null", "[\"wifi\"]"}) {
         std::ofstream(kJson) << text;
         EXPECT_TRUE(NetworkParser::ReadWiFiConfig(kJson).empty()) << text;
     }
@@ -215,8 +215,9 @@ TEST(NetworkJson, KeysGoThroughTheDevicesOwnCipher) {
 
 TEST(JsonCursor, MemberReadsSayWhatIsMissing) {
     JsonParser parser;
-    ASSERT_EQ(parser.Init(R"({"s": "text", "n": 12, "z": null, "a": ["x", "", 3], "o": {"k": "v"}})"),
-              QV_OK);
+    ASSERT_EQ(
+        parser.Init(R"({"s": "text", "n": 12, "z": null, "a": ["x", "", 3], "o": {"k": "v"}})"),
+        QV_OK);
     std::string text = "untouched";
     EXPECT_EQ(parser.Parse("n", &text), 0);
     EXPECT_EQ(text, "12");
@@ -298,11 +299,12 @@ void WriteRequest(const std::string& essid, const std::string& extra = "") {
 }
 
 TEST(NetworkService, NetworksAddedFromHandWrittenFilesAreListedInTheConfigurationForm) {
-    WriteRequest("Home", "wifi.9.network.ipconfig=1\nwifi.9.network.ip=10.0.0.7\n"
-                         "wifi.9.network.mask=255.255.255.0\nwifi.9.network.gateway=10.0.0.1\n"
-                         "wifi.9.network.dns1=10.0.0.53\nwifi.9.network.dns2=9.9.9.9\n"
-                         "wifi.9.proxy=1\nwifi.9.proxy.host=proxy.lan\nwifi.9.proxy.port=8080\n"
-                         "wifi.9.proxy.password=pp\n");
+    WriteRequest("Home",
+                 "wifi.9.network.ipconfig=1\nwifi.9.network.ip=10.0.0.7\n"
+                 "wifi.9.network.mask=255.255.255.0\nwifi.9.network.gateway=10.0.0.1\n"
+                 "wifi.9.network.dns1=10.0.0.53\nwifi.9.network.dns2=9.9.9.9\n"
+                 "wifi.9.proxy=1\nwifi.9.proxy.host=proxy.lan\nwifi.9.proxy.port=8080\n"
+                 "wifi.9.proxy.password=pp\n");
     ASSERT_EQ(NetAdd(kRequest.c_str()), NET_OK);
     // Another process adds the second one: both see the same list.
     auto child = qvtest::RunInChild([] {
@@ -348,9 +350,10 @@ TEST(NetworkService, NetworksAddedFromHandWrittenFilesAreListedInTheConfiguratio
 }
 
 TEST(NetworkService, TheConnectedNetworksParametersComeFromTheService) {
-    WriteRequest("Static", "wifi.9.network.ipconfig=1\nwifi.9.network.ip=10.0.0.7\n"
-                           "wifi.9.network.mask=255.255.255.0\nwifi.9.network.gateway=10.0.0.1\n"
-                           "wifi.9.network.dns1=10.0.0.53\nwifi.9.network.dns2=9.9.9.9\n");
+    WriteRequest("Static",
+                 "wifi.9.network.ipconfig=1\nwifi.9.network.ip=10.0.0.7\n"
+                 "wifi.9.network.mask=255.255.255.0\nwifi.9.network.gateway=10.0.0.1\n"
+                 "wifi.9.network.dns1=10.0.0.53\nwifi.9.network.dns2=9.9.9.9\n");
     ASSERT_EQ(NetAdd(kRequest.c_str()), NET_OK);
     EXPECT_EQ(NetInfo()->connected, 1);
 

@@ -69,7 +69,8 @@ TEST(QvtoolFs, MovesCopiesListsAndRemovesWithMeaningfulExitCodes) {
 
     EXPECT_EQ(Qvtool({"fs", "mv", "/mnt/ext2/Books", "/mnt/ext2/Shelf"}).exit_code, 0);
     EXPECT_EQ(Qvtool({"fs", "mv", "/mnt/ext2/Books", "/mnt/ext2/Shelf"}).exit_code, 3);
-    EXPECT_EQ(Qvtool({"fs", "cp", "/mnt/ext2/Shelf/War and Peace.fb2", "/mnt/ext1/c/"}).exit_code, 0);
+    EXPECT_EQ(Qvtool({"fs", "cp", "/mnt/ext2/Shelf/War and Peace.fb2", "/mnt/ext1/c/"}).exit_code,
+              0);
     EXPECT_EQ(Size("/mnt/ext1/c/War and Peace.fb2"), 1000);
     EXPECT_EQ(Qvtool({"fs", "cp", "/mnt/ext2/Shelf", "/mnt/ext1/c/"}).exit_code, 2);
 

@@ -90,7 +90,8 @@ std::string Resolved(const std::string& path) {
 }
 
 std::string Trimmed(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    while (path.size() > 1 && path.back() == '/')
+        path.pop_back();
     return path;
 }
 
@@ -126,8 +127,8 @@ int MoveFolderAcross(const std::string& source, const std::string& target) {
         }
         if (fs::MoveFile(source + item.relative, target + item.relative) != 0) {
             throw Failure(kFailed, "can't move " + source + item.relative + "; " +
-                                       std::to_string(moved) + " files moved, the rest is still in " +
-                                       source);
+                                       std::to_string(moved) +
+                                       " files moved, the rest is still in " + source);
         }
         done += item.size;
         ++moved;
@@ -247,11 +248,11 @@ const bool registered_ls = Register(
      "comma-separated EXTENSIONS, ignoring case: 'epub,fb2', '*.txt', or '*' (the default).\n",
      RunList});
 
-const bool registered_free = Register(
-    {"fs free", "free space of the storage of a path",
-     "usage: qvtool fs free PATH\n"
-     "Free megabytes of the storage that holds PATH, or would hold it once made.\n",
-     RunFree});
+const bool registered_free =
+    Register({"fs free", "free space of the storage of a path",
+              "usage: qvtool fs free PATH\n"
+              "Free megabytes of the storage that holds PATH, or would hold it once made.\n",
+              RunFree});
 
 }  // namespace
 }  // namespace qvtool
