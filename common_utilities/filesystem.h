@@ -57,8 +57,9 @@ QV_EXPORT int CopyFile(const std::string& file, const std::string& dest_file);
 // Moves a file; a `dest_file` ending in "/" is a directory that takes the file's name.
 QV_EXPORT int MoveFile(const std::string& file, const std::string& dest_file);
 // Moves the contents of `source_dir` into the existing `dest_dir`, recursively, and removes
-// `source_dir` after if `remove_source`. -1 when the destination lies inside the source (by its
-// real path) or something fails; what was moved before a failure stays moved, the rest stays
+// `source_dir` after if `remove_source` (its subfolders go in any case). -1 when the
+// destination's real path begins with the source's (so also for a sibling "/a/bc" of "/a/b") or
+// something fails; what was moved before a failure stays moved, the rest stays
 // where it was, and the source is then left in place.
 QV_EXPORT int MoveFiles(const std::string& dest_dir, const std::string& source_dir,
                         bool remove_source);
@@ -66,6 +67,7 @@ QV_EXPORT int RemoveFile(const std::string& path);
 // Empties a directory, recursively; -1 when it can't be opened or something stays behind.
 QV_EXPORT int RemoveAllFiles(const std::string& dir);
 QV_EXPORT int RemoveDir(const std::string& dir);
+// `new_name` is the whole new path, as rename(2) takes it.
 QV_EXPORT int RenameDir(const std::string& dir, const std::string& new_name);
 // Free megabytes of the file system of `path`, or of its nearest existing parent; -1 if none.
 QV_EXPORT int GetFreeSpace(const std::string& path);
