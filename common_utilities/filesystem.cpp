@@ -14,6 +14,8 @@
 #include <fstream>
 #include <memory>
 
+#include "common_utilities/run_program.h"
+
 namespace quorvel {
 namespace system {
 namespace filesystem {
@@ -104,10 +106,11 @@ bool IsFileExist(const std::string& path) {
 }
 
 bool IsSDCardMounted(const std::string& mount_point) {
-    // The argument goes into double quotes of a shell command: nothing may end them early.
-    if (mount_point.find_first_of("\"$`\\") != std::string::npos) return false;
-    std::string command = "mount | grep \"" + mount_point + "\" > /dev/null";
-    return ::system(command.c_str()) == 0;
+    // The system's mount table as its mount program prints it, searched here rather than by a
+    // shell pipeline: any mount point can be asked about, and nothing in it runs.
+    std::string table;
+    if (RunProgram({"mount"}, &table) != 0) return false;
+    return table.find(mount_point) != std::string::npos;
 }
 
 bool IsExternalLocation(const std::string& path) {

@@ -255,6 +255,11 @@ TEST(Filesystem, PathHelpersKnowTheStoragesAndTheShell) {
     EXPECT_FALSE(fs::IsSDCardMounted("/mnt/ext9"));
     EXPECT_FALSE(fs::IsSDCardMounted("/mnt/ext2\"; touch /tmp/injected; echo \""));
     EXPECT_FALSE(Exists("/tmp/injected"));
+    // A mount point with characters a shell would act on is still found.
+    const std::string odd = "/tmp/card \"$HOME\" `x`";
+    ASSERT_EQ(::mkdir(odd.c_str(), 0755), 0);
+    ASSERT_EQ(::mount("tmpfs", odd.c_str(), "tmpfs", 0, nullptr), 0);
+    EXPECT_TRUE(fs::IsSDCardMounted(odd));
     EXPECT_TRUE(fs::IsFileExist("/mnt/ext1"));
 }
 
