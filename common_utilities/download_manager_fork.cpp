@@ -2,15 +2,10 @@
 
 #include "common_utilities/download_manager_fork.h"
 
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <system_error>
-#include <vector>
+
+#include "common_utilities/run_program.h"
 
 namespace quorvel {
 namespace utilities {
@@ -20,44 +15,6 @@ constexpr long kWaitMs = 100;
 // Bits of a wait status that carry a non-zero exit status (and all of them for -1, a program that
 // could not be started or waited for).
 constexpr int kExitStatusMask = 0xFF00;
-
-// Signals the child should not inherit as ignored or blocked from this process.
-struct SpawnAttributes {
-    SpawnAttributes() {
-        posix_spawnattr_init(&attr);
-        sigset_t set;
-        sigemptyset(&set);
-        posix_spawnattr_setsigmask(&attr, &set);
-        for (int sig : {SIGPIPE, SIGINT, SIGQUIT, SIGTERM})
-            sigaddset(&set, sig);
-        posix_spawnattr_setsigdefault(&attr, &set);
-        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    }
-    ~SpawnAttributes() { posix_spawnattr_destroy(&attr); }
-    SpawnAttributes(const SpawnAttributes&) = delete;
-    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
-    posix_spawnattr_t attr;
-};
-
-// Runs the program named by args[0], found on the PATH, and waits for it: its wait status, or -1.
-int RunAndWait(std::vector<std::string> args) {
-    std::vector<char*> argv;
-    for (std::string& arg : args)
-        argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    SpawnAttributes attributes;
-    pid_t pid = 0;
-    int err = posix_spawnp(&pid, argv[0], nullptr, &attributes.attr, argv.data(), ::environ);
-    if (err != 0) {
-        QV_LOG_FAILED(err, "starting %s", argv[0]);
-        return -1;
-    }
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return -1;
-    }
-    return status;
-}
 
 }  // namespace
 
@@ -102,7 +59,7 @@ void DownloadManagerFork::Run() {
 void DownloadManagerFork::Process(const DownloadItem& item) {
     std::string final_path = folder_ + "/" + item.file.name;
     std::string temp = final_path + ".download";
-    int status = RunAndWait({"wget", "-O", temp, "--", item.file.url});
+    int status = RunProgram({"wget", "-O", temp, "--", item.file.url});
     if (status & kExitStatusMask) {
         item.callback(QV_FAILED, item.file);
         return;

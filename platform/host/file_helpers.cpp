@@ -37,7 +37,7 @@ bool WriteAll(int fd, const char* data, size_t size) {
 }
 
 bool CopyContents(int from, int to) {
-    char buffer[64 * 1024];
+    static thread_local char buffer[128 * 1024];
     for (;;) {
         ssize_t n = ::read(from, buffer, sizeof buffer);
         if (n < 0 && errno == EINTR) continue;
@@ -101,16 +101,27 @@ int copy_file(const char* from, const char* to) {
         ::close(in);
         return 0;
     }
-    int out = ::open(to, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 0777);
-    if (out < 0) {
+    struct stat target {};
+    bool same =
+        ::stat(to, &target) == 0 && target.st_dev == st.st_dev && target.st_ino == st.st_ino;
+    int out = same ? -1 : ::open(to, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 0777);
+    if (out < 0) {  // a file copied onto itself would be truncated before it is read
         ::close(in);
         return 0;
     }
     bool ok = CopyContents(in, out);
+    // A copy is the same file elsewhere: its permissions (whatever the umask) and its times.
+    ok = ok && ::fchmod(out, st.st_mode & 07777) == 0;
+    const struct timespec times[2] = {st.st_atim, st.st_mtim};
+    ok = ok && ::futimens(out, times) == 0;
     ok = (::fsync(out) == 0) && ok;
     ok = (::close(out) == 0) && ok;
     ::close(in);
-    if (!ok) ::unlink(to);
+    if (!ok) {
+        int error = errno;  // the caller reports why the copy failed, not why the clean-up did
+        ::unlink(to);
+        errno = error;
+    }
     return ok ? 1 : 0;
 }
 

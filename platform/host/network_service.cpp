@@ -25,6 +25,7 @@
 #include "host_state.h"
 #include "moorglass.h"
 #include "moorglass_host.h"
+#include "wifi_networks.h"
 
 namespace {
 
@@ -202,15 +203,18 @@ const char* qvhost_network_path(void) {
 
 // ---- Bringing the link up ------------------------------------------------------------------
 // A host has no radio to wait for: NetConnect2 succeeds at once unless a test has put the device
-// out of reach of every network, and each call is counted for the tests that check who connects.
+// out of reach of every network (or names a network the service doesn't store), and each call is
+// counted for the tests that check who connects.
 
 extern "C" {
 
-int NetConnect2(const char* /*network_name*/, int /*flags*/) {
+int NetConnect2(const char* network_name, int /*flags*/) {
     NetworkBlock* block = SharedNetworkState::Instance().Block();
     if (!block) return -1;
     block->connect_calls.fetch_add(1, std::memory_order_relaxed);
     if (block->unreachable.load(std::memory_order_acquire) != 0) return -1;
+    // A named network must be one the service stores (wifi_networks.cpp).
+    if (network_name && *network_name && !qvhost::MakeCurrentNetwork(network_name)) return -1;
     block->state.store(NET_STATE_CONNECTED, std::memory_order_release);
     return 0;
 }

@@ -124,7 +124,9 @@ char* utf_toupper_ext(const char* text);
 /* Sends command `cmd` with argument `arg` to the device shell; 0 when delivered. */
 int mg_ipc_cmd(int cmd, int arg);
 /* A request with a reply: `buffer` holds `input_length` bytes of input and receives the reply,
- * at most `capacity` bytes. 260 encrypts a text, 261 decrypts it. 0 on success. */
+ * at most `capacity` bytes. 260 enciphers a text with the device's key, 261 deciphers it; an
+ * empty text stays empty. A text whose cipher text would not fit comes back empty, and text that
+ * isn't this device's cipher text comes back unchanged, both with a failure. 0 on success. */
 int mg_ipc_request(int cmd, int arg, void* buffer, int input_length, int capacity);
 
 /* ------------------------------------------------------------------------------------------ */
@@ -212,6 +214,81 @@ extern "C" {
  * could be made. Callers that only need "some network" pass (NULL, 0) and judge the outcome by
  * what they do next. */
 int NetConnect2(const char* network_name, int flags);
+
+#ifdef __cplusplus
+}
+#endif
+
+/* ------------------------------------------------------------------------------------------ */
+/* Translations of the user interface                                                          */
+/* ------------------------------------------------------------------------------------------ */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The text of `key` ("@SDcard") in the interface language (global.cfg's "language"), else in
+ * English, else `key` itself. The result stays valid while the process runs; never freed. */
+const char* GetLangText(const char* key);
+
+#ifdef __cplusplus
+}
+#endif
+
+/* ------------------------------------------------------------------------------------------ */
+/* Network service: stored networks and the current connection                                 */
+/* ------------------------------------------------------------------------------------------ */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum { NET_OK = 0 };
+
+/* One access point of a scan, exchanged with the platform in exactly this form: 72 bytes,
+ * 32-bit integers in the machine's (little-endian) order. */
+typedef struct apinfo_s {
+    char essid[36];      /* NUL-terminated; written with a 36-byte bounded print */
+    int mode;            /* as the configuration key "mode" */
+    int reserved40;      /* the platform's own */
+    int security;        /* as the configuration key "security" */
+    int order_value_1;   /* what one sort order of the network list orders by */
+    int order_value_0;   /* what the other orders by; 1 in records not built from a scan */
+    int extra_value;     /* carried to the short record of lists */
+    char reserved60[12]; /* the platform's own, carried along */
+} apinfo_s;
+
+/* The current connection, as NetInfo reports it: a flag, then the network's name behind it. */
+typedef struct net_info_s {
+    int connected; /* non-zero while the link is up */
+    char name[256];
+} net_info_s;
+
+/* The width of an address field of GetNetInfo and GetNetDNS: dotted IPv4 text, NUL-padded. */
+#define NET_ADDRESS_FIELD 18
+
+/* Writes every stored network to the configuration file `path` (replaced), in slots "wifi.0.",
+ * "wifi.1.", ...: essid, hidden, key, mode, security, wepmode, eaptype, username, usercert,
+ * password (secret), idle, domain, network.ipconfig (0 automatic, 1 static), network.ip,
+ * network.mask, network.gateway, network.dns1..., proxy (0 none, 1 manual), proxy.host,
+ * proxy.port, proxy.username, proxy.password. NET_OK, or negative when it can't be written. */
+int GetNetList(const char* path);
+/* Stores the networks of the configuration file `path` (every "wifi.N." slot, by their essid:
+ * a stored network of the same name is replaced) and connects to the last of them. When the file
+ * says "key_and_password_encrypted", keys and passwords enciphered by request 260 are deciphered
+ * first (text that isn't cipher text is taken as it stands). NET_OK; negative when the file holds
+ * no network or no connection could be made (the networks stay stored). */
+int NetAdd(const char* path);
+/* The current connection, in a record of the calling thread that the next call overwrites. */
+net_info_s* NetInfo(void);
+/* Address and mask of interface `ifname` while connected: a block of two NET_ADDRESS_FIELD
+ * fields, allocated with malloc and freed by the caller; NULL when there is none. */
+char* GetNetInfo(const char* ifname);
+/* The default gateway of `ifname` while connected, allocated; NULL when there is none. */
+char* GetNetGateway(const char* ifname);
+/* The name servers while connected: an int count, then count NET_ADDRESS_FIELD fields; one
+ * allocated block, freed by the caller. NULL when there are none. */
+char* GetNetDNS(void);
 
 #ifdef __cplusplus
 }

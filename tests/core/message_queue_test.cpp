@@ -86,13 +86,15 @@ TEST(MessageQueue, TimedWaitEndsOnTimeAndZeroWaitsUntilSomethingComes) {
     EXPECT_EQ(queue.Wait(-5, &item), QV_FAILED);
     EXPECT_LT(Clock::now() - start, 500ms);
 
+    // The clock starts before the producer does: on a loaded machine this thread may be scheduled
+    // late after starting it, and the wait would look shorter than the producer's sleep.
+    start = Clock::now();
     std::thread producer([&queue] {
         std::this_thread::sleep_for(200ms);
         queue.Push(42);
         std::this_thread::sleep_for(100ms);
         queue.Push(43);
     });
-    start = Clock::now();
     EXPECT_EQ(queue.Wait(0, &item), QV_OK);
     EXPECT_EQ(item, 42);
     EXPECT_GE(Clock::now() - start, 190ms);
