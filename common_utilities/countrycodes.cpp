@@ -24,9 +24,9 @@ std::string CountryCodes::GetCode(eCode kind, unsigned int row) const {
     return table_->GetCode(kind, row);
 }
 
-#define QV_COUNTRY_SHORTCUT(to, from)                                     \
+#define QV_COUNTRY_SHORTCUT(to, from)                                        \
     std::string CountryCodes::Get##to##From##from(const std::string& code) { \
-        return GetInstance().FindCode(e##from, code, e##to);              \
+        return GetInstance().FindCode(e##from, code, e##to);                 \
     }
 
 QV_COUNTRY_SHORTCUT(Fips, Alpha2)

@@ -9,15 +9,15 @@
 // FIPS column is empty.
 //
 // A code matches as given, in upper case or in lower case ("deU" finds "DEU"); an entry that the
-// table holds in mixed case ("Cd") is found only by that exact text. Nothing found gives an empty text, and so
-// does a missing table, which is logged once as "Can't find or parse file <path>". An empty code
-// matches the first row whose column is empty.
+// table holds in mixed case ("Cd") is found only by that exact text. Nothing found gives an empty
+// text, and so does a missing table, which is logged once as "Can't find or parse file <path>".
+// An empty code matches the first row whose column is empty.
 //
 // The table is read-only once loaded, so any thread may ask.
 #pragma once
 
-#include <string>
 #include <memory>
+#include <string>
 
 #include "common_utilities/common_utilities.h"
 

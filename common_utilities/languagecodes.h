@@ -12,8 +12,8 @@
 // table is read-only once loaded, so any thread may ask.
 #pragma once
 
-#include <string>
 #include <memory>
+#include <string>
 
 #include "common_utilities/common_utilities.h"
 

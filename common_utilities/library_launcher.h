@@ -13,8 +13,7 @@
 // The meaning of the status and result integers is the plug-in's; they are passed back as they
 // come. ChangeFunctionName points a function at another symbol of the same signature.
 //
-// Misuse and missing symbols raise std::runtime_error, the one place where the library throws on
-// purpose:
+// Misuse and missing symbols raise std::runtime_error, which callers catch:
 //     "Library path is empty"           LoadLibrary with an empty path
 //     "Library does not load or found"  a call before a successful LoadLibrary
 //     "Function does not found"         the plug-in lacks the symbol (looked up again next time)

@@ -161,4 +161,3 @@ long Parameters::FindEndEscapedParameter(const std::string& text) const {
 
 }  // namespace utilities
 }  // namespace quorvel
-

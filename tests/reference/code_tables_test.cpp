@@ -83,7 +83,7 @@ std::vector<Row> ExpectedLanguages() {
 std::string Swapped(std::string text) {
     for (char& c : text)
         c = static_cast<char>(std::isupper(static_cast<unsigned char>(c)) ? std::tolower(c)
-                                                                         : std::toupper(c));
+                                                                          : std::toupper(c));
     return text;
 }
 
@@ -135,12 +135,18 @@ TEST(CodeTables, CountriesAgreeWithTheIsoDataInEveryDirection) {
     // The shortcuts, each on every country, its code in lower case.
     using Shortcut = std::string (*)(const std::string&);
     const std::map<std::pair<int, int>, Shortcut> shortcuts{
-        {{1, 0}, CountryCodes::GetFipsFromAlpha2},    {{2, 0}, CountryCodes::GetFipsFromAlpha3},
-        {{3, 0}, CountryCodes::GetFipsFromNumeric3},  {{0, 1}, CountryCodes::GetAlpha2FromFips},
-        {{2, 1}, CountryCodes::GetAlpha2FromAlpha3},  {{3, 1}, CountryCodes::GetAlpha2FromNumeric3},
-        {{0, 2}, CountryCodes::GetAlpha3FromFips},    {{1, 2}, CountryCodes::GetAlpha3FromAlpha2},
-        {{3, 2}, CountryCodes::GetAlpha3FromNumeric3}, {{0, 3}, CountryCodes::GetNumeric3FromFips},
-        {{1, 3}, CountryCodes::GetNumeric3FromAlpha2}, {{2, 3}, CountryCodes::GetNumeric3FromAlpha3}};
+        {{1, 0}, CountryCodes::GetFipsFromAlpha2},
+        {{2, 0}, CountryCodes::GetFipsFromAlpha3},
+        {{3, 0}, CountryCodes::GetFipsFromNumeric3},
+        {{0, 1}, CountryCodes::GetAlpha2FromFips},
+        {{2, 1}, CountryCodes::GetAlpha2FromAlpha3},
+        {{3, 1}, CountryCodes::GetAlpha2FromNumeric3},
+        {{0, 2}, CountryCodes::GetAlpha3FromFips},
+        {{1, 2}, CountryCodes::GetAlpha3FromAlpha2},
+        {{3, 2}, CountryCodes::GetAlpha3FromNumeric3},
+        {{0, 3}, CountryCodes::GetNumeric3FromFips},
+        {{1, 3}, CountryCodes::GetNumeric3FromAlpha2},
+        {{2, 3}, CountryCodes::GetNumeric3FromAlpha3}};
     ASSERT_EQ(shortcuts.size(), 12u);
     for (const auto& row : rows) {
         for (const auto& [pair, shortcut] : shortcuts) {
@@ -193,8 +199,10 @@ TEST(CodeTables, MissingFilesAreLoggedAndAnswerEmpty) {
     EXPECT_EQ(CountryCodes::GetAlpha2FromAlpha3("DEU"), "");
     EXPECT_EQ(CountryCodes::GetInstance().GetCode(CountryCodes::eAlpha2, 0), "");
     EXPECT_EQ(LanguageCodes::FindCode(LanguageCodes::eAlpha2, "de", LanguageCodes::eName), "");
-    EXPECT_TRUE(log.Has(1, qvtest::PidLine("Can't find or parse file " + std::string(kCountryFile))));
-    EXPECT_TRUE(log.Has(1, qvtest::PidLine("Can't find or parse file " + std::string(kLanguageFile))));
+    EXPECT_TRUE(
+        log.Has(1, qvtest::PidLine("Can't find or parse file " + std::string(kCountryFile))));
+    EXPECT_TRUE(
+        log.Has(1, qvtest::PidLine("Can't find or parse file " + std::string(kLanguageFile))));
     // Loaded once: asking again does not read (nor log) again.
     log.Clear();
     EXPECT_EQ(CountryCodes::GetFipsFromAlpha2("DE"), "");
@@ -219,8 +227,8 @@ TEST(CodeTables, CommentsAndBrokenLinesAreSkipped) {
     EXPECT_EQ(countries.GetCode(CountryCodes::eNumeric3, 2), "111");
     EXPECT_EQ(countries.GetCode(CountryCodes::eFips, 3), " #");
     EXPECT_EQ(countries.GetCode(CountryCodes::eFips, 4), "");
-    EXPECT_EQ(CountryCodes::GetFipsFromAlpha2("GB"), "");      // three commas: skipped
-    EXPECT_EQ(CountryCodes::GetAlpha2FromFips(""), "XE");      // first empty FIPS column
+    EXPECT_EQ(CountryCodes::GetFipsFromAlpha2("GB"), "");       // three commas: skipped
+    EXPECT_EQ(CountryCodes::GetAlpha2FromFips(""), "XE");       // first empty FIPS column
     EXPECT_EQ(CountryCodes::GetAlpha3FromAlpha2("Cd"), "EFG");  // exactly as stored
     EXPECT_EQ(CountryCodes::GetAlpha3FromAlpha2("cd"), "");
     EXPECT_EQ(CountryCodes::GetAlpha3FromAlpha2("CD"), "");

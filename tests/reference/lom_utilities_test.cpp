@@ -33,8 +33,8 @@ TEST(LomUtilities, DigestsMatchTheSystemTools) {
     const std::string file = "/tmp/book.bin";
     const long part = LomUtilities::kMd5PartSize;
     // Around the read piece and the two ends of the partial digest.
-    for (long size : {0L, 1L, 1000L, part - 1, part + 7, 2 * part, 2 * part + 1, 3 * part + 5,
-                      5L << 20}) {
+    for (long size :
+         {0L, 1L, 1000L, part - 1, part + 7, 2 * part, 2 * part + 1, 3 * part + 5, 5L << 20}) {
         const std::string bytes = RandomBytes(random, static_cast<size_t>(size));
         std::ofstream(file, std::ios::binary) << bytes;
         SCOPED_TRACE("size " + std::to_string(size));
@@ -43,8 +43,9 @@ TEST(LomUtilities, DigestsMatchTheSystemTools) {
         if (size <= 2 * part) {
             EXPECT_EQ(LomUtilities::GetPartialFileMd5(file), Shell("md5sum " + file));
         } else {
-            EXPECT_EQ(LomUtilities::GetPartialFileMd5(file),
-                      Shell("{ head -c 65536 " + file + "; tail -c 65536 " + file + "; } | md5sum"));
+            EXPECT_EQ(
+                LomUtilities::GetPartialFileMd5(file),
+                Shell("{ head -c 65536 " + file + "; tail -c 65536 " + file + "; } | md5sum"));
             // A change between the ends leaves the fingerprint; one at the tail changes it.
             const std::string before = LomUtilities::GetPartialFileMd5(file);
             std::fstream edit(file, std::ios::in | std::ios::out | std::ios::binary);

@@ -57,9 +57,9 @@ TEST(QvtoolReference, PluginRunsAndReports) {
     std::ofstream("/tmp/a.txt") << "one two\nthree\n";
     ChildResult words = Qvtool({"plugin", "/zelgrot/lib/libqvwordcount.so", "/tmp/a.txt"});
     EXPECT_EQ(words.output, "status 2\nresult 3\n") << words.Describe();
-    ChildResult lines = Qvtool({"plugin", "--notify", "--add-notification", "--run",
-                                "QVLibrary_RunLines", "/zelgrot/lib/libqvwordcount.so",
-                                "/tmp/a.txt"});
+    ChildResult lines =
+        Qvtool({"plugin", "--notify", "--add-notification", "--run", "QVLibrary_RunLines",
+                "/zelgrot/lib/libqvwordcount.so", "/tmp/a.txt"});
     EXPECT_EQ(lines.output, "notification 1\n/tmp/a.txt: 2 lines\nstatus 2\nresult 2\n")
         << lines.Describe();
     EXPECT_EQ(Qvtool({"plugin", "/zelgrot/lib/libqvsum.so", "2", "-5"}).output,

@@ -21,8 +21,8 @@ struct Column {
 };
 
 struct Table {
-    const char* noun;   // "country"
-    const char* path;   // the device's file
+    const char* noun;             // "country"
+    const char* path;             // the device's file
     std::vector<Column> columns;  // in the order of the table's eCode
     std::string (*find)(int from, const std::string& code, int to);
     std::string (*cell)(int column, unsigned row);
@@ -49,8 +49,7 @@ const Table kLanguages{
                                        static_cast<LanguageCodes::eCode>(to));
     },
     [](int column, unsigned row) {
-        return LanguageCodes::GetInstance().GetCode(static_cast<LanguageCodes::eCode>(column),
-                                                    row);
+        return LanguageCodes::GetInstance().GetCode(static_cast<LanguageCodes::eCode>(column), row);
     }};
 
 int ColumnByName(const Table& table, const std::string& name) {
@@ -84,8 +83,8 @@ int RunLookup(const Table& table, Args& args) {
     auto to_name = args.Option("--to");
     std::string code = args.Next("CODE");
     args.Done();
-    std::vector<int> from = from_name ? std::vector<int>{ColumnByName(table, *from_name)}
-                                      : GuessColumns(table, code);
+    std::vector<int> from =
+        from_name ? std::vector<int>{ColumnByName(table, *from_name)} : GuessColumns(table, code);
     const int to = to_name ? ColumnByName(table, *to_name) : -1;
 
     if (table.cell(0, 0).empty() && table.cell(1, 0).empty() && table.cell(2, 0).empty())

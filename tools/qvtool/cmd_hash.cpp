@@ -73,13 +73,13 @@ const char* const kScrambleHelp =
     "position); blanks, line ends and non-ASCII characters pass unchanged. Scrambling hides\n"
     "text from a casual look; it is not encryption.\n";
 
-const bool registered_sha1 = Register(
-    {"hash sha1", "SHA-1 of files or of a text, as 40 hex digits",
-     "usage: qvtool hash sha1 FILE...\n"
-     "       qvtool hash sha1 --text TEXT\n"
-     "Prints the SHA-1 digest of each FILE as sha1sum does (\"HEX  FILE\"), or of TEXT.\n"
-     "Exit code 3 when a FILE does not exist, 1 when one can't be read.\n",
-     RunSha1});
+const bool registered_sha1 =
+    Register({"hash sha1", "SHA-1 of files or of a text, as 40 hex digits",
+              "usage: qvtool hash sha1 FILE...\n"
+              "       qvtool hash sha1 --text TEXT\n"
+              "Prints the SHA-1 digest of each FILE as sha1sum does (\"HEX  FILE\"), or of TEXT.\n"
+              "Exit code 3 when a FILE does not exist, 1 when one can't be read.\n",
+              RunSha1});
 
 const bool registered_md5 = Register(
     {"hash md5part", "fast fingerprint of large files: MD5 of their head and tail",
@@ -92,15 +92,15 @@ const bool registered_md5 = Register(
      "Exit code 3 when a FILE does not exist, 1 when one can't be read.\n",
      RunMd5Part});
 
-const bool registered_scramble = Register(
-    {"hash scramble", "scramble a text through the library's character table",
-     std::string("usage: qvtool hash scramble [TEXT]\n") + kScrambleHelp,
-     [](Args& args) { return Transform(args, &LomUtilities::Scramble); }});
+const bool registered_scramble =
+    Register({"hash scramble", "scramble a text through the library's character table",
+              std::string("usage: qvtool hash scramble [TEXT]\n") + kScrambleHelp,
+              [](Args& args) { return Transform(args, &LomUtilities::Scramble); }});
 
-const bool registered_unscramble = Register(
-    {"hash unscramble", "undo hash scramble",
-     std::string("usage: qvtool hash unscramble [TEXT]\n") + kScrambleHelp,
-     [](Args& args) { return Transform(args, &LomUtilities::Unscramble); }});
+const bool registered_unscramble =
+    Register({"hash unscramble", "undo hash scramble",
+              std::string("usage: qvtool hash unscramble [TEXT]\n") + kScrambleHelp,
+              [](Args& args) { return Transform(args, &LomUtilities::Unscramble); }});
 
 }  // namespace
 }  // namespace qvtool

@@ -71,7 +71,8 @@ int RunPlugin(Args& args) {
 
     LibraryLauncher plugin(path);
     if (!plugin.LoadLibrary()) throw Failure(kFailed, "can't load " + path);
-    if (!options.run_name.empty()) plugin.ChangeFunctionName(LibraryLauncher::eRun, options.run_name);
+    if (!options.run_name.empty())
+        plugin.ChangeFunctionName(LibraryLauncher::eRun, options.run_name);
 
     std::vector<const char*> argv;
     for (const auto& word : options.argv)
@@ -80,7 +81,8 @@ int RunPlugin(Args& args) {
         argv.size() > 1)
         throw Failure(kFailed, "the plug-in takes no parameters (no QVLibrary_SetParameters)");
     if (options.notify && !Optional([&] { plugin.SetNotificationFlag(true); }))
-        throw Failure(kFailed, "the plug-in has no notifications (no QVLibrary_SetNotificationFlag)");
+        throw Failure(kFailed,
+                      "the plug-in has no notifications (no QVLibrary_SetNotificationFlag)");
     for (int i = 0; i < options.notifications; ++i) {
         if (!Optional([&] { plugin.AddNotification(); }))
             throw Failure(kFailed, "the plug-in has no QVLibrary_AddNotification");

@@ -34,5 +34,9 @@ void QVLibrary_Run(void) {
     status = kDone;
 }
 
-int QVLibrary_GetStatus(void) { return status; }
-int QVLibrary_GetResult(void) { return result; }
+int QVLibrary_GetStatus(void) {
+    return status;
+}
+int QVLibrary_GetResult(void) {
+    return result;
+}

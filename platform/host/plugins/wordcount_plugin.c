@@ -21,14 +21,17 @@ static bool notify;
 static int notifications;
 
 static void forget_files(void) {
-    for (int i = 0; i < file_count; ++i) free(files[i]);
+    for (int i = 0; i < file_count; ++i)
+        free(files[i]);
     free(files);
     files = NULL;
     file_count = 0;
 }
 
 /* Runs when the library is unloaded, so that nothing it took outlives it. */
-__attribute__((destructor)) static void unload(void) { forget_files(); }
+__attribute__((destructor)) static void unload(void) {
+    forget_files();
+}
 
 void QVLibrary_SetParameters(int argc, const char* const* argv) {
     forget_files();
@@ -75,11 +78,21 @@ static void run(bool lines) {
     status = kDone;
 }
 
-void QVLibrary_Run(void) { run(false); }
-void QVLibrary_RunLines(void) { run(true); }
-int QVLibrary_GetStatus(void) { return status; }
-int QVLibrary_GetResult(void) { return result; }
-void QVLibrary_SetNotificationFlag(bool on) { notify = on; }
+void QVLibrary_Run(void) {
+    run(false);
+}
+void QVLibrary_RunLines(void) {
+    run(true);
+}
+int QVLibrary_GetStatus(void) {
+    return status;
+}
+int QVLibrary_GetResult(void) {
+    return result;
+}
+void QVLibrary_SetNotificationFlag(bool on) {
+    notify = on;
+}
 
 void QVLibrary_AddNotification(void) {
     ++notifications;
