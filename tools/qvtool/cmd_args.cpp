@@ -65,7 +65,8 @@ const bool registered = Register(
      "  - \"-x VALUE\": VALUE is the option's value and an argument too\n"
      "  - \"-xyz\": x with the value yz, and y and z with empty values, all at once\n"
      "  - options may repeat; every value is listed\n"
-     "  - arguments are the tokens not beginning with -, cut at their blanks\n",
+     "  - arguments are the tokens not beginning with -, cut at their blanks\n"
+     "A word -h or --help asks qvtool for this text; inside LINE they are parsed.\n",
      RunArgs});
 
 }  // namespace

@@ -102,7 +102,7 @@ const bool registered = Register(
      "Loads the shared library PATH, hands it PATH and ARGS as its parameters (argc, argv, as\n"
      "main() gets them), runs it and prints its status and result, each entry point looked up\n"
      "as it is first called. The options stand before PATH; everything behind it is the\n"
-     "plug-in's.\n"
+     "plug-in's, except -h and --help, which ask qvtool for this text.\n"
      "  --run SYMBOL          run through SYMBOL instead of QVLibrary_Run\n"
      "  --notify              turn the plug-in's notifications on before running it\n"
      "  --add-notification    call QVLibrary_AddNotification before running (repeatable)\n"
