@@ -2,6 +2,8 @@
 
 #include "common_utilities/download_manager_fork.h"
 
+#include <sys/wait.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <system_error>
@@ -11,8 +13,11 @@ namespace utilities {
 namespace {
 
 constexpr long kWaitMs = 100;
-// Bits of system()'s result that carry a non-zero exit status (and all of them for -1).
-constexpr int kExitStatusMask = 0xFF00;
+// Only a wget that ran to its end with status 0 has the whole file. One killed by a signal left
+// a part of it, which must not be renamed as if it were complete.
+bool Succeeded(int status) {
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
 
 // Characters that keep a meaning inside double quotes for the shell.
 bool SafeInDoubleQuotes(const std::string& text) {
@@ -69,7 +74,7 @@ void DownloadManagerFork::Process(const DownloadItem& item) {
     }
     std::string command = "wget -O \"" + temp + "\" \"" + item.file.url + "\"";
     int rc = std::system(command.c_str());
-    if (rc & kExitStatusMask) {
+    if (!Succeeded(rc)) {
         item.callback(QV_FAILED, item.file);
         return;
     }

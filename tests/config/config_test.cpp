@@ -98,6 +98,38 @@ TEST(Config, WriteWithoutSaveIsSeenHereAndLeavesTheFileUntilSaved) {
     EXPECT_EQ(Cache().ReadString(file, "theme", "none"), "none");
 }
 
+TEST(Config, OpenSaveAndCloseAreLoggedAndAPlainCloseDropsUnsavedWrites) {
+    const std::string file = kDir + "logged.cfg";
+    WriteFileText(file, "kept=1\n");
+    LogCapture log;
+    Cache().WriteString(file, "dropped", "x", false);
+    EXPECT_TRUE(log.Has(QV_LOG_INFO, PidLine("Open config " + file)));
+    Cache().CloseConfig(file, false);
+    EXPECT_TRUE(log.Has(QV_LOG_INFO, PidLine("Close config " + file)));
+    EXPECT_EQ(FileText(file), "kept=1\n");
+    EXPECT_EQ(Cache().ReadString(file, "dropped", "none"), "none");
+
+    Cache().WriteString(file, "saved", "now", true);
+    EXPECT_TRUE(log.Has(QV_LOG_INFO, PidLine("Save config " + file)));
+    Cache().WriteString(file, "closing", "later", false);
+    Cache().CloseConfig(file, true);
+    EXPECT_TRUE(log.Has(QV_LOG_INFO, PidLine("Save and close config " + file)));
+    EXPECT_EQ(FileText(file), "kept=1\nsaved=now\nclosing=later\n");
+
+    // A secret reads back as written, in this process, unsaved, saved and after a reopen; the
+    // file never shows it.
+    Cache().WriteSecret(file, "token", "s3cr3t", false);
+    EXPECT_EQ(Cache().ReadSecret(file, "token", ""), "s3cr3t");
+    Cache().TrueWriteSecret(file, "pin", "4321", true);
+    EXPECT_EQ(Cache().ReadSecret(file, "pin", ""), "4321");
+    EXPECT_EQ(Cache().ReadAllStrings(file, "token")["token"], "s3cr3t");
+    Cache().CloseConfig(file, false);
+    EXPECT_EQ(Cache().ReadSecret(file, "token", ""), "s3cr3t");
+    EXPECT_EQ(Cache().ReadSecret(file, "pin", ""), "4321");
+    EXPECT_EQ(FileText(file).find("s3cr3t"), std::string::npos);
+    EXPECT_EQ(FileText(file).find("4321"), std::string::npos);
+}
+
 TEST(Config, DelayedSavesAreCarriedOutWhenTheProcessExits) {
     const std::string file = kDir + "at_exit.cfg";
     const std::string flagged = kDir + "flagged.cfg";
