@@ -588,26 +588,4 @@ TEST_F(HttpRunner, PrepareRequestLeavesTheTransferAndHeaderListToTheCaller) {
     curl_easy_cleanup(curl);
 }
 
-TEST(HttpRunnerCallbacks, DataAndHeaderCallbacksFollowTheirContract) {
-    char buffer[8] = "abcdefg";
-    HttpRequestRunner::BodyHandler empty;
-    HttpRequestRunner::BodyHandler half = [](unsigned length, char*) { return length / 2; };
-    EXPECT_EQ(HttpRequestRunner::data_cb(buffer, 2, 3, &empty), 6u);
-    EXPECT_EQ(HttpRequestRunner::data_cb(buffer, 2, 3, nullptr), 6u);
-    EXPECT_EQ(HttpRequestRunner::data_cb(nullptr, 2, 3, &half), 6u);
-    EXPECT_EQ(HttpRequestRunner::data_cb(buffer, 2, 3, &half), 3u);
-
-    Records records;
-    std::string line = "Content-Type: text/html; a=b:c\r\n";
-    EXPECT_EQ(HttpRequestRunner::write_header(line.data(), 1, line.size(), &records), line.size());
-    EXPECT_EQ(records["Content-Type"], " text/html; a=b:c\r");
-    std::string lines = "A:1\nB: 2\nno colon\n";
-    HttpRequestRunner::write_header(lines.data(), lines.size(), 1, &records);
-    EXPECT_EQ(records["A"], "1");
-    EXPECT_EQ(records["B"], " 2");
-    EXPECT_EQ(records["no colon"], "no colon");
-    EXPECT_EQ(HttpRequestRunner::write_header(lines.data(), 1, lines.size(), nullptr),
-              lines.size());
-}
-
 }  // namespace

@@ -165,10 +165,16 @@ TEST_F(DbSetup, ThePragmasRunInTheirOrderAfterTheSchemaAndHoldOnTheConnection) {
     // The tables came first, so the page size stays SQLite's default.
     EXPECT_EQ("4096", Pragma(db, "page_size"));
 
-    // An existing file gets the same, in the same order.
+    // An existing file at the expected version is kept as it is, and gets the same PRAGMAs.
+    EXPECT_EQ(kDone, db.exec("INSERT INTO notes(body) VALUES('kept note')"));
     db.close();
+    const unsigned long inode = Inode(kPath);
     StatementTrace again;
+    StderrCapture err;
     ASSERT_EQ(0, helper.GetDb(db));
+    EXPECT_EQ(inode, Inode(kPath));
+    EXPECT_EQ("kept note", QueryOne(kPath, "SELECT body FROM notes"));
+    EXPECT_EQ("", err.Text());
     EXPECT_THAT(again.Starting({"PRAGMA"}),
                 ElementsAre("PRAGMA page_size=8192", "PRAGMA synchronous=1",
                             "PRAGMA journal_mode = WAL", "PRAGMA temp_store = 2",
@@ -247,17 +253,6 @@ TEST_F(DbSetup, SchemaRunsInOneTransaction) {
     db.close();
     // The statements before the failing one were rolled back with it.
     EXPECT_EQ("0", QueryOne(kPath, "SELECT count(*) FROM sqlite_master"));
-}
-
-TEST_F(DbSetup, AFileAtTheExpectedVersionIsKeptAsItIs) {
-    MakeDatabase(1);
-    unsigned long inode = Inode(kPath);
-    DbManagerHelper helper = Helper(1);
-    StderrCapture err;
-    ASSERT_EQ(0, helper.GetDb(db));
-    EXPECT_EQ(inode, Inode(kPath));
-    EXPECT_EQ("kept note", QueryOne(kPath, "SELECT body FROM notes"));
-    EXPECT_EQ("", err.Text());
 }
 
 TEST_F(DbSetup, UpgradeRunsSqlThroughTheShellAndShellScriptsStepByStep) {
@@ -380,29 +375,6 @@ TEST_F(DbSetup, AVersionNoScriptsCanReachIsReplacedAtOnce) {
     EXPECT_THAT(err.Text(), HasSubstr("Cant read scripts of 2147482999 steps\n"));
 }
 
-TEST_F(DbSetup, EmptyOrAmbiguousVersionTableIsVersionZero) {
-    DbManagerHelper helper = Helper(1);
-    ASSERT_EQ(0, helper.GetDb(db));
-    EXPECT_EQ(kDone, db.exec("INSERT INTO version VALUES(7)"));
-    EXPECT_EQ(0, helper.GetVersion(db));
-    EXPECT_EQ(kDone, db.exec("DELETE FROM version"));
-    EXPECT_EQ(0, helper.GetVersion(db));
-    StderrCapture err;
-    EXPECT_FALSE(helper.TestVersion(db));
-    EXPECT_EQ("QVDB::testVersion: DB version is invalid ( 1 expected, 0 found)\n", err.Text());
-}
-
-TEST_F(DbSetup, FixVersionOnACurrentFileVacuumsTwiceAndSucceeds) {
-    MakeScriptsArchive(kArchive, {{"1to2.sql", "UPDATE version SET id = 2;\n"}});
-    DbManagerHelper helper = Helper(1);
-    ASSERT_EQ(0, helper.GetDb(db));
-    StderrCapture err;
-    EXPECT_EQ(0, helper.FixVersion(db));
-    EXPECT_THAT(err.Lines(), ElementsAre("Exec 'vacuum'", "Exec 'vacuum'"));
-    EXPECT_EQ(1, helper.GetVersion(db));
-    EXPECT_FALSE(Exists(kWorkDir));
-}
-
 TEST_F(DbSetup, AFileThatIsNoDatabaseIsMarkedAndTheNextStartBeginsAfresh) {
     WriteFile(kPath, std::string(8192, 'x'));
     SetGlobal("language", "de");
@@ -442,19 +414,6 @@ TEST_F(DbSetup, TheMarkerDeletesTheFileAndIsClearedAlsoWhenTheFileIsGone) {
     ASSERT_EQ(0, helper.GetDb(db));
     EXPECT_EQ(0, ReadMarker(kKey));
     EXPECT_EQ(1, helper.GetVersion(db));
-}
-
-TEST_F(DbSetup, CorruptHandlerSavesTheMarkerAndTellsTheSystem) {
-    DbManagerHelper helper = Helper(1);
-    ASSERT_EQ(0, helper.GetDb(db));
-    qvhost_ipc_clear();
-    // The handler GetDb installed is this helper's.
-    ASSERT_TRUE(db.corrupt_handler);
-    db.corrupt_handler();
-    EXPECT_EQ(1, ReadMarker(kKey));
-    EXPECT_EQ(1, qvhost_ipc_count(272));
-    // The connection is left alone until the next start.
-    EXPECT_EQ(kDone, db.exec("INSERT INTO notes(body) VALUES('still usable')"));
 }
 
 TEST_F(DbSetup, TheMarkerIsTestedOnlyUnderTheLockThatAnotherProcessHolds) {
