@@ -182,7 +182,7 @@ iconfig* ConfigurationWatch::GetConfig() const {
 // ---- ConfigurationMultiWatch ----------------------------------------------------------------
 
 ConfigurationMultiWatch::ConfigurationMultiWatch()
-    : inotify_fd_(-1), fork_generation_(0), resync_(false) {}
+    : inotify_fd_(-1), fork_generation_(0), resync_(false), dropped_(false) {}
 
 ConfigurationMultiWatch::~ConfigurationMultiWatch() {
     if (inotify_fd_ != -1 && fork_generation_ != ForkGeneration()) {
@@ -221,12 +221,14 @@ void ConfigurationMultiWatch::AdoptAfterFork() {
         // tries again.
         for (auto& entry : watches_)
             entry.second->watch_wd = -1;
+        dropped_ = !watches_.empty();
         return;
     }
     for (auto& [path, info] : watches_) {
         info->watch_wd = inotify_add_watch(inotify_fd_, path.c_str(), IN_MODIFY);
         if (info->watch_wd == -1) {
             QV_LOG_ERROR("Failed to inotify_add_watch to file %s", path.c_str());
+            dropped_ = true;
         }
     }
     resync_ = true;
@@ -334,18 +336,25 @@ void ConfigurationMultiWatch::HandleNamedEvent(int wd, const char* name) {
 
 void ConfigurationMultiWatch::MarkDropped(int wd) {
     for (auto& entry : watches_) {
-        if (entry.second->watch_wd == wd) entry.second->watch_wd = -1;
+        if (entry.second->watch_wd != wd) continue;
+        entry.second->watch_wd = -1;
+        dropped_ = true;
     }
 }
 
 // A deleted file takes its watch along; the path keeps its entries, so that the listeners hear of
 // the file again once it is back, whoever makes it.
 void ConfigurationMultiWatch::RearmDropped(std::set<int>& notified) {
+    if (!dropped_) return;  // the usual case, before every read of the config store
+    dropped_ = false;
     std::vector<int> rearmed;
     for (auto it = watches_.begin(); it != watches_.end(); it = watches_.upper_bound(it->first)) {
         if (it->second->watch_wd != -1) continue;
         int wd = inotify_add_watch(inotify_fd_, it->first.c_str(), IN_MODIFY);
-        if (wd == -1) continue;
+        if (wd == -1) {
+            dropped_ = true;
+            continue;
+        }
         auto range = watches_.equal_range(it->first);
         for (auto entry = range.first; entry != range.second; ++entry)
             entry->second->watch_wd = wd;

@@ -122,6 +122,7 @@ private:
     WatchMap watches_;
     unsigned fork_generation_;
     bool resync_;
+    bool dropped_;  // some entry has no watch: CheckChanges tries again
 };
 
 }  // namespace utilities
