@@ -8,7 +8,6 @@
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -233,16 +232,10 @@ TEST(Conf, TwoObjectsOnOnePathShareOneHandleAndTheFirstCloseEndsIt) {
     EXPECT_EQ(nameless.ReadString("key", "d"), "d");
 }
 
-TEST(Conf, TimesRoundTripForEvery32BitValue) {
+TEST(Conf, TimesRoundTripForThe32BitRange) {
     const std::string file = kDir + "times.cfg";
     Conf conf(file);
-    std::vector<int64_t> times = {INT32_MIN, INT32_MIN + 1, -1,         0,
-                                  1,         0x01020304,    1700000000, INT32_MAX};
-    std::mt19937 random(42);
-    std::uniform_int_distribution<int32_t> any(INT32_MIN, INT32_MAX);
-    for (int i = 0; i < 200; ++i)
-        times.push_back(any(random));
-    for (int64_t value : times) {
+    for (int64_t value : {INT32_MIN, INT32_MIN + 1, -1, 0, 1, 0x01020304, 1700000000, INT32_MAX}) {
         conf.WriteTime("t", static_cast<time_t>(value), false);
         EXPECT_EQ(conf.ReadTime("t", 99), static_cast<time_t>(value)) << value;
     }

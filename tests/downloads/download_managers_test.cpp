@@ -30,8 +30,8 @@ using quorvel::utilities::DownloadManagerFork;
 using quorvel::utilities::FileToSync;
 using quorvel::utilities::SyncDownloader;
 using qvtest::Exists;
-using qvtest::LogCapture;
 using qvtest::FileUrl;
+using qvtest::LogCapture;
 using qvtest::Sha256OfFile;
 using qvtest::Sha256OfPattern;
 
@@ -176,8 +176,8 @@ TEST_F(DownloadManagers, APauseOrAnAbortHoldsTheQueueUntilARetry) {
     ASSERT_TRUE(qvtest::Eventually([&] { return log.Has(1, qvtest::PidLine("INVALID state")); }));
     EXPECT_EQ(manager.GetStatus().status, Downloader::DS_Paused);
     ASSERT_EQ(downloader.Abort(nullptr), QV_OK);
-    ASSERT_TRUE(qvtest::Eventually(
-        [&] { return manager.GetStatus().status == Downloader::DS_Aborted; }));
+    ASSERT_TRUE(
+        qvtest::Eventually([&] { return manager.GetStatus().status == Downloader::DS_Aborted; }));
 
     // Nothing moves on, also when another item comes.
     ASSERT_EQ(manager.AddItem(Book(FileUrl(server_, 37, 100), "third.bin"), done.For(manager)), 0);

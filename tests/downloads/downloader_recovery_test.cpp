@@ -197,7 +197,8 @@ TEST_F(DownloadRecovery, ARefusedConnectionIsTriedOnceMoreAndTlsIsNotVerified) {
     EXPECT_EQ(end.status, Downloader::DS_Error);
     EXPECT_EQ(end.error, Downloader::kErrorTransfer);
     EXPECT_EQ(qvtest::ConnectAttempts(), 2);
-    EXPECT_TRUE(log.Has(kError, PidLine("File download failed [" + never + "] with curl error [7]")));
+    EXPECT_TRUE(
+        log.Has(kError, PidLine("File download failed [" + never + "] with curl error [7]")));
 
     // Downloads take any certificate, the test server's self-signed one too.
     end = Run(Book(server_.TlsUrl("/dl/file/28/50000"), "secure.bin", 50000));

@@ -6,8 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -106,9 +106,7 @@ public:
         Statements().clear();
         sqlite3_auto_extension(reinterpret_cast<void (*)(void)>(&Install));
     }
-    ~StatementTrace() {
-        sqlite3_cancel_auto_extension(reinterpret_cast<void (*)(void)>(&Install));
-    }
+    ~StatementTrace() { sqlite3_cancel_auto_extension(reinterpret_cast<void (*)(void)>(&Install)); }
     // The traced statements that begin with one of `prefixes`, in order.
     std::vector<std::string> Starting(const std::vector<std::string>& prefixes) const {
         std::vector<std::string> found;
@@ -149,13 +147,13 @@ TEST_F(DbSetup, ThePragmasRunInTheirOrderAfterTheSchemaAndHoldOnTheConnection) {
     DbManagerHelper helper = Helper(1);
     ASSERT_EQ(0, helper.GetDb(db));
     // After the schema's last statement, ahead of the version's test.
-    EXPECT_THAT(trace.Starting({"INSERT", "PRAGMA", "SELECT"}),
-                ElementsAre("INSERT OR IGNORE INTO storages (id, name) VALUES (1, "
-                            "'InternalStorage');",
-                            "INSERT OR IGNORE INTO version VALUES(1)", "PRAGMA page_size=8192",
-                            "PRAGMA synchronous=1", "PRAGMA journal_mode = WAL",
-                            "PRAGMA temp_store = 2", "PRAGMA locking_mode = NORMAL",
-                            "SELECT id FROM version;"));
+    EXPECT_THAT(
+        trace.Starting({"INSERT", "PRAGMA", "SELECT"}),
+        ElementsAre("INSERT OR IGNORE INTO storages (id, name) VALUES (1, "
+                    "'InternalStorage');",
+                    "INSERT OR IGNORE INTO version VALUES(1)", "PRAGMA page_size=8192",
+                    "PRAGMA synchronous=1", "PRAGMA journal_mode = WAL", "PRAGMA temp_store = 2",
+                    "PRAGMA locking_mode = NORMAL", "SELECT id FROM version;"));
 
     // synchronous and temp_store belong to the connection: only it can show them.
     EXPECT_EQ("1", Pragma(db, "synchronous"));
@@ -175,10 +173,10 @@ TEST_F(DbSetup, ThePragmasRunInTheirOrderAfterTheSchemaAndHoldOnTheConnection) {
     EXPECT_EQ(inode, Inode(kPath));
     EXPECT_EQ("kept note", QueryOne(kPath, "SELECT body FROM notes"));
     EXPECT_EQ("", err.Text());
-    EXPECT_THAT(again.Starting({"PRAGMA"}),
-                ElementsAre("PRAGMA page_size=8192", "PRAGMA synchronous=1",
-                            "PRAGMA journal_mode = WAL", "PRAGMA temp_store = 2",
-                            "PRAGMA locking_mode = NORMAL"));
+    EXPECT_THAT(
+        again.Starting({"PRAGMA"}),
+        ElementsAre("PRAGMA page_size=8192", "PRAGMA synchronous=1", "PRAGMA journal_mode = WAL",
+                    "PRAGMA temp_store = 2", "PRAGMA locking_mode = NORMAL"));
     EXPECT_EQ("1", Pragma(db, "synchronous"));
 }
 

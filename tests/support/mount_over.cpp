@@ -39,10 +39,9 @@ MountOver::MountOver(const std::string& source, const std::string& target) : tar
 }
 
 MountOver::MountOver(const std::string& target, const std::vector<std::string>& extra)
-    : target_(target) {
-    const std::string tree = FreshTree(target);
+    : target_(target), tree_(FreshTree(target)) {
     for (const auto& entry : fs::directory_iterator(target)) {
-        const std::string copy = tree + "/" + entry.path().filename().string();
+        const std::string copy = tree_ + "/" + entry.path().filename().string();
         if (entry.is_directory()) {
             fs::create_directory(copy);
         } else {
@@ -51,12 +50,13 @@ MountOver::MountOver(const std::string& target, const std::vector<std::string>& 
         Bind(entry.path(), copy);
     }
     for (const auto& name : extra)
-        fs::create_directories(tree + "/" + name);
-    Bind(tree, target);
+        fs::create_directories(tree_ + "/" + name);
+    Bind(tree_, target);
 }
 
 MountOver::~MountOver() {
     ::umount2(target_.c_str(), MNT_DETACH);
+    if (!tree_.empty()) ::umount2(tree_.c_str(), MNT_DETACH);
 }
 
 }  // namespace qvtest

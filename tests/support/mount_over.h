@@ -23,6 +23,7 @@ public:
 
 private:
     std::string target_;
+    std::string tree_;  // the fresh tree, when there is one
 };
 
 }  // namespace qvtest
