@@ -2,10 +2,13 @@
 
 # Rebuilds of the same sources (several build directories, several checkouts) come from the
 # compiler cache when the machine has one.
+# A base directory in the cache's own settings would hand the compiler relative paths, and
+# __FILE__ would then escape the prefix map below: the launcher clears it.
 find_program(QV_CCACHE ccache)
 if(QV_CCACHE)
-    set(CMAKE_C_COMPILER_LAUNCHER ${QV_CCACHE})
-    set(CMAKE_CXX_COMPILER_LAUNCHER ${QV_CCACHE})
+    set(_qv_launcher ${CMAKE_COMMAND} -E env CCACHE_BASEDIR= ${QV_CCACHE})
+    set(CMAKE_C_COMPILER_LAUNCHER ${_qv_launcher})
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${_qv_launcher})
 endif()
 
 # Warnings are errors on our own code only; third-party headers come in as system includes.

@@ -37,3 +37,15 @@ configure_file(${PROJECT_SOURCE_DIR}/cmake/common_utilities.pc.in
     ${PROJECT_BINARY_DIR}/common_utilities.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/common_utilities.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# ---- A prefix that runs wherever it is installed --------------------------------------------
+# The installed files find each other relative to themselves, with no LD_LIBRARY_PATH: a library
+# finds the platform libraries beside it, a program the libraries in the library directory. An
+# application's own search path would not do: it reaches only the libraries the application
+# itself names, not what those need in turn.
+file(RELATIVE_PATH _qv_bin_to_lib
+    ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR})
+set_target_properties(common_utilities moorglass boardprofile PROPERTIES INSTALL_RPATH "$ORIGIN")
+if(TARGET qvtool)
+    set_target_properties(qvtool PROPERTIES INSTALL_RPATH "$ORIGIN/${_qv_bin_to_lib}")
+endif()

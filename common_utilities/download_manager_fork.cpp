@@ -2,11 +2,15 @@
 
 #include "common_utilities/download_manager_fork.h"
 
+#include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <system_error>
+#include <vector>
 
 namespace quorvel {
 namespace utilities {
@@ -14,14 +18,48 @@ namespace {
 
 constexpr long kWaitMs = 100;
 // Only a wget that ran to its end with status 0 has the whole file. One killed by a signal left
-// a part of it, which must not be renamed as if it were complete.
+// a part of it, which must not be renamed as if it were complete; -1 (not started, not waited
+// for) fails too.
 bool Succeeded(int status) {
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-// Characters that keep a meaning inside double quotes for the shell.
-bool SafeInDoubleQuotes(const std::string& text) {
-    return text.find_first_of("\"\\$`") == std::string::npos;
+// Signals the child should not inherit as ignored or blocked from this process.
+struct SpawnAttributes {
+    SpawnAttributes() {
+        posix_spawnattr_init(&attr);
+        sigset_t set;
+        sigemptyset(&set);
+        posix_spawnattr_setsigmask(&attr, &set);
+        for (int sig : {SIGPIPE, SIGINT, SIGQUIT, SIGTERM})
+            sigaddset(&set, sig);
+        posix_spawnattr_setsigdefault(&attr, &set);
+        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    }
+    ~SpawnAttributes() { posix_spawnattr_destroy(&attr); }
+    SpawnAttributes(const SpawnAttributes&) = delete;
+    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+    posix_spawnattr_t attr;
+};
+
+// Runs the program named by args[0], found on the PATH, and waits for it: its wait status, or -1.
+int RunAndWait(std::vector<std::string> args) {
+    std::vector<char*> argv;
+    for (std::string& arg : args)
+        argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    SpawnAttributes attributes;
+    pid_t pid = 0;
+    int err = posix_spawnp(&pid, argv[0], nullptr, &attributes.attr, argv.data(), ::environ);
+    if (err != 0) {
+        QV_LOG_FAILED(err, "starting %s", argv[0]);
+        return -1;
+    }
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) return -1;
+    }
+    return status;
 }
 
 }  // namespace
@@ -67,14 +105,8 @@ void DownloadManagerFork::Run() {
 void DownloadManagerFork::Process(const DownloadItem& item) {
     std::string final_path = folder_ + "/" + item.file.name;
     std::string temp = final_path + ".download";
-    if (!SafeInDoubleQuotes(item.file.url) || !SafeInDoubleQuotes(temp)) {
-        QV_LOG_ERROR("Refusing to pass [%s] to the shell", item.file.url.c_str());
-        item.callback(QV_FAILED, item.file);
-        return;
-    }
-    std::string command = "wget -O \"" + temp + "\" \"" + item.file.url + "\"";
-    int rc = std::system(command.c_str());
-    if (!Succeeded(rc)) {
+    int status = RunAndWait({"wget", "-O", temp, "--", item.file.url});
+    if (!Succeeded(status)) {
         item.callback(QV_FAILED, item.file);
         return;
     }

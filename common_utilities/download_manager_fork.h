@@ -1,11 +1,11 @@
 // DownloadManagerFork: downloads handed to the system's wget, one at a time, from a thread of
-// its own. No resume: each item runs `wget -O "<folder>/<name>.download" "<url>"`, and the file is
+// its own. No resume: each item runs `wget -O <folder>/<name>.download -- <url>`, and the file is
 // renamed to "<folder>/<name>" when wget exits with status 0 (or is killed by a signal, which
 // leaves no exit status to judge). A failed item keeps its partial ".download" file.
 //
-// Both arguments stand in double quotes on the shell line. An item whose URL or name holds a
-// character the shell would act on inside them (", \, $ or `) is refused with -1 without running
-// anything: such a URL would break the line or run what it carries.
+// wget is started directly with an argument vector, never through a shell, so a URL or a name
+// may hold any character (quotes, $, `, \, blanks) and reaches wget as it stands. The "--" keeps
+// a URL that begins with "-" from being read as an option.
 #pragma once
 
 #include <atomic>

@@ -16,24 +16,6 @@ namespace {
 // the device look for that text.
 constexpr int kLowPriorityPolicy = 3;
 
-// What StopAndDeleteAsync puts at the front of the queue. The thread ends when it takes this
-// marker out, not when it merely sees `running` cleared: only taking it proves that the stopper's
-// push has let go of the queue, which the thread is about to destroy with the object.
-class StopMarker : public IRunnable {
-public:
-    void Run() override {}
-};
-StopMarker g_stop_marker;
-
-// A handle to the marker that owns nothing: no count to keep, and the marker is known by address.
-std::shared_ptr<IRunnable> StopTask() {
-    return std::shared_ptr<IRunnable>(std::shared_ptr<void>(), &g_stop_marker);
-}
-
-bool IsStopTask(const std::shared_ptr<IRunnable>& task) {
-    return task.get() == &g_stop_marker;
-}
-
 }  // namespace
 
 WorkingThread::WorkingThread()
@@ -43,8 +25,7 @@ WorkingThread::~WorkingThread() {
     if (join_on_destroy && HasThread()) {
         // The thread sees join_on_destroy and ends without deleting: this destructor owns the
         // object and waits for the thread instead.
-        running = false;
-        task_queue.PushFront(StopTask());
+        RequestStop();
         pthread_join(thread_id, nullptr);
     }
 }
@@ -99,10 +80,23 @@ void WorkingThread::StopAndDeleteAsync() {
         delete this;
         return;
     }
+    // From the moment the lock is released the thread may delete this object.
+    RequestStop();
+}
+
+void WorkingThread::RequestStop() {
+    // The stop is the flag, not an entry of the queue: a running task may clear or refill the
+    // queue at will and the thread still ends. The lock spans the flag and the wake-up push, so a
+    // thread that has seen the flag and then taken the lock knows the stopper is done with us.
+    std::lock_guard<std::mutex> lock(stop_mutex_);
     running = false;
-    // At the front, so that the thread takes it as soon as the running task returns and drops
-    // what waits behind it. From here on the thread may delete this object at any moment.
-    task_queue.PushFront(StopTask());
+    task_queue.Push(std::shared_ptr<IRunnable>());  // wakes the thread if it waits
+}
+
+bool WorkingThread::StopRequested() {
+    if (running) return false;
+    std::lock_guard<std::mutex> wait_for_stopper(stop_mutex_);
+    return true;
 }
 
 void WorkingThread::SetLowPriority() {
@@ -133,11 +127,14 @@ int WorkingThread::Work() {
         std::shared_ptr<IRunnable> task;
         idle = true;
         task_queue.Wait(0, &task);
-        if (IsStopTask(task)) break;
+        // Asked before the task, too: one taken after the stop was still waiting at the stop.
+        if (StopRequested()) break;
         if (task) {
             idle = false;
             task->Run();
         }
+        task.reset();
+        if (StopRequested()) break;
     }
     // What still waits in the queue is dropped, unrun, with the object.
     if (join_on_destroy) return 0;

@@ -5,7 +5,9 @@
 //    Run and never stopped; its destructor neither stops nor joins the thread;
 //  - allocated with new and ended with StopAndDeleteAsync: the thread finishes the task it is
 //    running, drops whatever still waits (those tasks never run, and the queue releases them), and
-//    deletes the object itself. The caller must not touch the object after that call.
+//    deletes the object itself. The caller must not touch the object after that call; the running
+//    task still may, and whatever it does to the queue (clear it, push to the front, stop the
+//    worker itself) does not keep the thread alive.
 //
 // Tasks of one WorkingThread never run at the same time, so they need no locks among themselves.
 #pragma once
@@ -14,6 +16,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 
 #include "common_utilities/common_utilities.h"
 #include "common_utilities/message_queue.h"
@@ -59,16 +62,22 @@ public:
 
 private:
     bool HasThread() const;
+    // Clears `running` and wakes the thread, as one step under stop_mutex_.
+    void RequestStop();
+    // On the thread: whether a stop was asked for. When it was, returns only once the stopper has
+    // let go of the object, which the thread may then delete.
+    bool StopRequested();
 
     // Set by Run before the thread starts, so that a second Run right after the first sees it;
-    // cleared by StopAndDeleteAsync. Atomic rather than locked: readers only need to see it
-    // eventually.
+    // cleared by StopAndDeleteAsync, under stop_mutex_. Atomic: the thread tests it after every
+    // task without a lock, and takes the lock only once it reads false.
     std::atomic<bool> running;
     MessageQueue<std::shared_ptr<IRunnable>> task_queue;
     pthread_t thread_id;  // zero until Run starts the thread
     // Kept for owners that join their thread on destruction; nothing sets it today.
     bool join_on_destroy;
     std::atomic<bool> idle;
+    std::mutex stop_mutex_;
 };
 
 }  // namespace utilities

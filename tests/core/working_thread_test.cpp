@@ -255,6 +255,54 @@ TEST(WorkingThread, StopRightAfterWorkIsSafeEveryTime) {
     EXPECT_LE(ran.load(), 200);
 }
 
+TEST(WorkingThread, AStopSurvivesWhatTheRunningTaskDoesToTheQueue) {
+    // What the running task does once the stop is asked for (from outside, or by itself first).
+    struct Case {
+        const char* name;
+        bool task_stops_itself;
+        std::function<void(WorkingThread&, const std::shared_ptr<IRunnable>&)> then;
+    };
+    const std::vector<Case> cases = {
+        {"clears the queue", false,
+         [](WorkingThread& self, const auto&) { self.ClearQueueTasks(); }},
+        {"pushes to the front", false,
+         [](WorkingThread& self, const auto& late) { self.EnqueueTaskFront(late); }},
+        {"clears and refills the queue", false,
+         [](WorkingThread& self, const auto& late) {
+             self.ClearQueueTasks();
+             self.EnqueueTaskFront(late);
+             self.EnqueueTask(late);
+         }},
+        {"stops itself, then clears the queue", true,
+         [](WorkingThread& self, const auto&) { self.ClearQueueTasks(); }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::atomic<int> late_runs{0};
+        auto late = WrapTask([&late_runs] { ++late_runs; });
+        std::weak_ptr<IRunnable> late_watch = late;
+        std::atomic<pid_t> tid{0};
+        Gate started, go;
+        auto* worker = new WorkingThread();
+        ASSERT_EQ(worker->Run(), 0);
+        worker->EnqueueTask(WrapTask([&, worker, late = std::move(late)] {
+            tid = ThreadId();
+            started.Open();
+            go.WaitOpen();  // until the test is done with the worker
+            if (c.task_stops_itself) worker->StopAndDeleteAsync();
+            c.then(*worker, late);
+        }));
+        worker->EnqueueTask(WrapTask([&late_runs] { ++late_runs; }));
+        ASSERT_TRUE(started.WaitOpen());
+        if (!c.task_stops_itself) worker->StopAndDeleteAsync();
+        go.Open();
+        EXPECT_TRUE(WaitUntil([&] { return !ThreadAlive(tid); }, 3s)) << "the thread never ended";
+        // Deleted with its queue: nothing holds the late task any more, and it never ran.
+        EXPECT_TRUE(WaitUntil([&] { return late_watch.expired(); }, 3s));
+        EXPECT_EQ(late_runs.load(), 0);
+    }
+}
+
 TEST_F(WorkerTest, IdleMeansNothingQueuedAndTheThreadBackAtTheQueue) {
     Start();
     ASSERT_TRUE(WaitUntil([this] { return worker_->isIdle(); }));

@@ -1,16 +1,18 @@
 #!/usr/bin/env bash
 # Installs the build into a scratch prefix and builds a separate application against it, once
-# through find_package and once through pkg-config, then runs both.
-#   check_packaging.sh BUILD_DIR WORK_DIR "EXTRA_CXX_FLAGS"
+# through find_package and once through pkg-config, then runs both and the installed qvtool.
+# Nothing sets LD_LIBRARY_PATH: the installed files must find each other on their own.
+#   check_packaging.sh BUILD_DIR WORK_DIR "EXTRA_CXX_FLAGS" [CMAKE_GENERATOR]
 set -euo pipefail
-build_dir=$1 work=$2 flags=${3:-}
+build_dir=$1 work=$2 flags=${3:-} generator=${4:-Ninja}
+unset LD_LIBRARY_PATH
 here=$(cd "$(dirname "$0")" && pwd)
 
 rm -rf "$work"
 cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
 libdir=$(ls -d "$work"/prefix/lib*/ | head -n 1)
 
-cmake -S "$here/consumer" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" \
+cmake -S "$here/consumer" -B "$work/cmake" -G "$generator" -DCMAKE_PREFIX_PATH="$work/prefix" \
     -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" \
     -DCMAKE_BUILD_RPATH="$libdir" >/dev/null
 cmake --build "$work/cmake" >/dev/null
@@ -21,3 +23,6 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 c++ -std=c++17 $flags "$here/consumer/main.cpp" -o "$work/consumer-pc" \
     $(pkg-config --cflags --libs common_utilities) -Wl,-rpath,"$libdir"
 "$work/consumer-pc"
+
+# A program of the prefix starts from wherever the prefix was put.
+"$work/prefix/bin/qvtool" version
