@@ -341,9 +341,10 @@ void InstallFakeWget() {
     ASSERT_EQ(::mkdir(bin.c_str(), 0755), 0);
     qvtest::WriteFile(bin + "/wget",
                       "#!/bin/sh\n"
-                      "# wget -O FILE URL\n"
-                      "printf 'part of %s' \"$3\" > \"$2\"\n"
-                      "case \"$3\" in\n"
+                      "# wget -O FILE [--] URL: the URL is the last argument\n"
+                      "for url; do :; done\n"
+                      "printf 'part of %s' \"$url\" > \"$2\"\n"
+                      "case \"$url\" in\n"
                       "  */fails) exit 8 ;;\n"
                       "  */killed) kill -KILL $$ ;;\n"
                       "esac\n");
