@@ -141,15 +141,33 @@ bool ConfigurationWatch::Reopen() {
     return cfg_ != nullptr;
 }
 
+void ConfigurationWatch::Rearm() {
+    if (watch_fd_ != -1) return;
+    watch_fd_ = inotify_add_watch(inotify_fd_, path_.c_str(), IN_MODIFY);
+    // Made anew: whatever it holds is news.
+    if (watch_fd_ != -1) resync_ = true;
+}
+
+void ConfigurationWatch::NoteDroppedWatch(const char* events, ssize_t length) {
+    for (ssize_t offset = 0; offset + static_cast<ssize_t>(sizeof(inotify_event)) <= length;) {
+        inotify_event event;
+        std::memcpy(&event, events + offset, sizeof event);
+        offset += static_cast<ssize_t>(sizeof event + event.len);
+        if ((event.mask & IN_IGNORED) && event.wd == watch_fd_) watch_fd_ = -1;
+    }
+}
+
 void ConfigurationWatch::CheckChanges() {
     AdoptAfterFork();
     if (inotify_fd_ == -1) return;
-    alignas(inotify_event) char buffer[1024];
-    bool changed = ReadEvents(inotify_fd_, buffer, sizeof buffer) >= 1 || resync_;
+    Rearm();
+    alignas(inotify_event) char buffer[kEventBufferSize];
+    ssize_t n = ReadEvents(inotify_fd_, buffer, sizeof buffer);
+    bool changed = n >= 1 || resync_;
     if (!changed || !notify_) return;
     resync_ = false;
-    while (ReadEvents(inotify_fd_, buffer, sizeof buffer) >= 1) {
-    }
+    for (; n >= 1; n = ReadEvents(inotify_fd_, buffer, sizeof buffer))
+        NoteDroppedWatch(buffer, n);
     if (!Reopen()) {
         QV_LOG_ERROR("Failed to OpenConfig");
         return;
@@ -164,7 +182,7 @@ iconfig* ConfigurationWatch::GetConfig() const {
 // ---- ConfigurationMultiWatch ----------------------------------------------------------------
 
 ConfigurationMultiWatch::ConfigurationMultiWatch()
-    : inotify_fd_(-1), fork_generation_(0), resync_(false) {}
+    : inotify_fd_(-1), fork_generation_(0), resync_(false), dropped_(false) {}
 
 ConfigurationMultiWatch::~ConfigurationMultiWatch() {
     if (inotify_fd_ != -1 && fork_generation_ != ForkGeneration()) {
@@ -203,12 +221,14 @@ void ConfigurationMultiWatch::AdoptAfterFork() {
         // tries again.
         for (auto& entry : watches_)
             entry.second->watch_wd = -1;
+        dropped_ = !watches_.empty();
         return;
     }
     for (auto& [path, info] : watches_) {
         info->watch_wd = inotify_add_watch(inotify_fd_, path.c_str(), IN_MODIFY);
         if (info->watch_wd == -1) {
             QV_LOG_ERROR("Failed to inotify_add_watch to file %s", path.c_str());
+            dropped_ = true;
         }
     }
     resync_ = true;
@@ -248,21 +268,25 @@ int ConfigurationMultiWatch::DeleteWatch(const std::string& path, Notify const* 
     auto range = watches_.equal_range(path);
     for (auto it = range.first; it != range.second; ++it) {
         if (it->second->notify != notify) continue;
-        if (inotify_fd_ != -1 && it->second->watch_wd != -1) {
-            inotify_rm_watch(inotify_fd_, it->second->watch_wd);
-        }
+        ReleaseWatch(it->second->watch_wd, it->second.get());
         watches_.erase(it);
         return 0;
     }
     return 0;
 }
 
+void ConfigurationMultiWatch::ReleaseWatch(int wd, const WatchInfo* leaving) {
+    if (inotify_fd_ == -1 || wd == -1) return;
+    for (const auto& entry : watches_) {
+        if (entry.second.get() != leaving && entry.second->watch_wd == wd) return;
+    }
+    inotify_rm_watch(inotify_fd_, wd);
+}
+
 int ConfigurationMultiWatch::DeleteWatch(WatchMap::iterator& it) {
     if (it == watches_.end()) return -1;
     QV_LOG_INFO("delete watch from %s", it->first.c_str());
-    if (inotify_fd_ != -1 && it->second && it->second->watch_wd != -1) {
-        inotify_rm_watch(inotify_fd_, it->second->watch_wd);
-    }
+    if (it->second) ReleaseWatch(it->second->watch_wd, it->second.get());
     it = watches_.erase(it);
     return 0;
 }
@@ -310,14 +334,38 @@ void ConfigurationMultiWatch::HandleNamedEvent(int wd, const char* name) {
     }
 }
 
-void ConfigurationMultiWatch::CheckChanges() {
-    AdoptAfterFork();
-    std::set<int> notified;
-    if (resync_) {
-        resync_ = false;
-        NotifyEveryFile(notified);
+void ConfigurationMultiWatch::MarkDropped(int wd) {
+    for (auto& entry : watches_) {
+        if (entry.second->watch_wd != wd) continue;
+        entry.second->watch_wd = -1;
+        dropped_ = true;
     }
-    if (inotify_fd_ == -1) return;
+}
+
+// A deleted file takes its watch along; the path keeps its entries, so that the listeners hear of
+// the file again once it is back, whoever makes it.
+void ConfigurationMultiWatch::RearmDropped(std::set<int>& notified) {
+    if (!dropped_) return;  // the usual case, before every read of the config store
+    dropped_ = false;
+    std::vector<int> rearmed;
+    for (auto it = watches_.begin(); it != watches_.end(); it = watches_.upper_bound(it->first)) {
+        if (it->second->watch_wd != -1) continue;
+        int wd = inotify_add_watch(inotify_fd_, it->first.c_str(), IN_MODIFY);
+        if (wd == -1) {
+            dropped_ = true;
+            continue;
+        }
+        auto range = watches_.equal_range(it->first);
+        for (auto entry = range.first; entry != range.second; ++entry)
+            entry->second->watch_wd = wd;
+        rearmed.push_back(wd);
+    }
+    // Made anew: whatever the file holds is news.
+    for (int wd : rearmed)
+        NotifyFirstListener(wd, notified, false);
+}
+
+void ConfigurationMultiWatch::ReadEventsAndNotify(std::set<int>& notified) {
     alignas(inotify_event) char buffer[kEventBufferSize];
     ssize_t n = ReadEvents(inotify_fd_, buffer, sizeof buffer);
     if (n < 1) return;
@@ -334,11 +382,25 @@ void ConfigurationMultiWatch::CheckChanges() {
                 NotifyFirstListener(event.wd, notified, true);
             } else if (event.mask & IN_Q_OVERFLOW) {
                 NotifyEveryFile(notified);
+            } else if (event.mask & IN_IGNORED) {
+                MarkDropped(event.wd);
             }
         }
         if (inotify_fd_ == -1) return;  // a listener removed the last watch and more
         n = ReadEvents(inotify_fd_, buffer, sizeof buffer);
     }
+}
+
+void ConfigurationMultiWatch::CheckChanges() {
+    AdoptAfterFork();
+    std::set<int> notified;
+    if (resync_) {
+        resync_ = false;
+        NotifyEveryFile(notified);
+    }
+    if (inotify_fd_ == -1) return;
+    ReadEventsAndNotify(notified);
+    if (inotify_fd_ != -1) RearmDropped(notified);
 }
 
 }  // namespace utilities

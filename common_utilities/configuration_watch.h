@@ -43,7 +43,8 @@ public:
     // watched (it must exist). `notify` is not owned. A second Init starts over on the new path.
     int Init(const std::string& path, Notify* notify);
     // Any number of changes since the last call give one Changed(), after the handle has been
-    // reopened.
+    // reopened. A file deleted and made again is watched anew from the first call that finds it
+    // back, and that call tells of it.
     void CheckChanges();
     // The handle on the file as of the last change; null before a successful Init.
     iconfig* GetConfig() const;
@@ -52,6 +53,10 @@ private:
     void Release();
     void AdoptAfterFork();
     bool Reopen();
+    // Watches the file again after its deletion took the watch, once it is back.
+    void Rearm();
+    // Notes, from a batch of events, that the kernel dropped the watch.
+    void NoteDroppedWatch(const char* events, ssize_t length);
 
     std::string path_;
     int inotify_fd_;
@@ -87,15 +92,17 @@ public:
     // empty, so that a configuration no one has written can be watched from the first moment.
     int AddWatch(const std::string& path, Notify* notify);
     // 0 (also when the pair isn't watched), or QV_INVAL for an empty path or before any
-    // AddWatch. Two listeners of one path share the file's one inotify watch: removing either
-    // ends the events for both.
+    // AddWatch. Two listeners of one path share the file's one inotify watch, which stays until
+    // the last of them is removed: removing one never leaves the other deaf.
     int DeleteWatch(const std::string& path, Notify const* notify);
     // Removes the entry and moves `it` to the next one; -1 at the end of the map.
     int DeleteWatch(WatchMap::iterator& it);
 
     // Reads what inotify has queued and tells the listeners, on this thread. However many events
     // a file has in one call, only one listener hears of it, once: the first of that file in the
-    // order of the map. Other listeners of the same file are not called.
+    // order of the map. Other listeners of the same file are not called. A file that was deleted
+    // (which ends its inotify watch) is watched again from the first call that finds it made
+    // anew, and that call tells its first listener.
     void CheckChanges();
 
 private:
@@ -104,11 +111,18 @@ private:
     void HandleNamedEvent(int wd, const char* name);
     bool NotifyFirstListener(int wd, std::set<int>& notified, bool trace);
     void NotifyEveryFile(std::set<int>& notified);
+    void ReadEventsAndNotify(std::set<int>& notified);
+    // Removes the kernel's watch `wd` unless an entry other than `leaving` still uses it.
+    void ReleaseWatch(int wd, const WatchInfo* leaving);
+    // The entries whose watch the kernel dropped (their file was deleted) lose their descriptor.
+    void MarkDropped(int wd);
+    void RearmDropped(std::set<int>& notified);
 
     int inotify_fd_;
     WatchMap watches_;
     unsigned fork_generation_;
     bool resync_;
+    bool dropped_;  // some entry has no watch: CheckChanges tries again
 };
 
 }  // namespace utilities

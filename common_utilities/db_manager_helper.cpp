@@ -112,7 +112,8 @@ DbManagerHelper::DbManagerHelper(const std::string& db_path, const std::string& 
       corrupted_key(corrupted_key),
       version(version),
       scripts_archive(scripts_archive),
-      schema(schema) {}
+      schema(schema),
+      setup_path_(db_path) {}
 
 int DbManagerHelper::GetDb(Sqlite& db) {
     return GetDb(db, db_path);
@@ -124,6 +125,7 @@ int DbManagerHelper::GetDb(Sqlite& db) {
 // once would run every script twice out of one shared directory. It is released before the
 // caller uses the database, so it only ever waits for another process's set-up.
 int DbManagerHelper::GetDb(Sqlite& db, const std::string& path) {
+    setup_path_ = path;
     mg_buildpath(path.c_str());
     FileLock lock(path);
     if (lock.result() != 0) {
@@ -235,9 +237,12 @@ bool DbManagerHelper::TestVersion(Sqlite& db) {
 // Scripts run in the sqlite3 shell or as programs, outside this connection and outside any
 // transaction, while the connection stays open: the version read at the end is the only judge,
 // and a run that fails half way leaves a wrong version behind, which makes GetDb replace the file.
+// They run on the file being set up, never on `db_path` when that is another file: upgrading the
+// helper's own file instead would change a database nobody asked about, and then replace the
+// one asked about for want of the upgrade.
 int DbManagerHelper::FixVersion(Sqlite& db) {
     const int current = GetVersion(db);
-    const std::string tmp = SerializationUtils::ToHex(db_path);
+    const std::string tmp = SerializationUtils::ToHex(setup_path_);
     const auto expected = static_cast<unsigned>(version);
     char command[kCommandSize];
 
@@ -272,7 +277,7 @@ int DbManagerHelper::FixVersion(Sqlite& db) {
     }
     for (int from = current; step != 0 && from != version; from += step)
         RunVersionStep(tmp, static_cast<unsigned>(from), static_cast<unsigned>(from + step),
-                       db_path);
+                       setup_path_);
 
     std::fprintf(stderr, "Exec 'vacuum'\n");
     int rc = db.exec("vacuum;");

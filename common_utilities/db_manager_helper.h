@@ -57,7 +57,9 @@ public:
     int GetVersion(Sqlite& db);
     bool TestVersion(Sqlite& db);
     // Runs the scripts from the stored version to the expected one, vacuums, and answers 0 when
-    // the file then has the expected version.
+    // the file then has the expected version. The scripts work on the file of the last GetDb
+    // (`db_path` before any): the one `db` is connected to, also when GetDb was given another
+    // path.
     int FixVersion(Sqlite& db);
     // Marks the file as damaged in the global configuration and tells the system; the next
     // GetDb of any process deletes it. The connection is left alone.
@@ -78,6 +80,8 @@ private:
     int version;
     std::string scripts_archive;
     std::vector<std::string> schema;
+    // The file the last GetDb set up, which the upgrade scripts work on.
+    std::string setup_path_;
 };
 
 // Maps a path to its storage: 1, the internal storage, for everything under "/mnt/ext1"; the

@@ -127,6 +127,10 @@ std::string DownloadManager::GetFinalPath() {
     return downloader_.GetFinalPath();
 }
 
+Downloader& DownloadManager::GetDownloader() {
+    return downloader_;
+}
+
 void DownloadManager::NotifyDownloaderStatus(void* /*context*/) {
     switch (downloader_.GetStatus().status) {
         case Downloader::DS_Idle:

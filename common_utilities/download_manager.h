@@ -66,6 +66,10 @@ public:
     Downloader::StatusInfo GetStatus();
     // Where the last finished item was put; read it inside OnComplete.
     std::string GetFinalPath();
+    // The transfer engine, for the commands of the item under way (Pause, Resume, Abort, Retry).
+    // A pause or an abort holds the queue: the item stays current, no callback runs and the items
+    // behind it wait, until a Retry of the aborted item runs it again to its end.
+    Downloader& GetDownloader();
 
     void NotifyDownloaderStatus(void* context) override;
 

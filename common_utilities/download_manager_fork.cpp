@@ -2,6 +2,8 @@
 
 #include "common_utilities/download_manager_fork.h"
 
+#include <sys/wait.h>
+
 #include <cstdio>
 #include <system_error>
 
@@ -12,9 +14,12 @@ namespace utilities {
 namespace {
 
 constexpr long kWaitMs = 100;
-// Bits of a wait status that carry a non-zero exit status (and all of them for -1, a program that
-// could not be started or waited for).
-constexpr int kExitStatusMask = 0xFF00;
+// Only a wget that ran to its end with status 0 has the whole file. One killed by a signal left
+// a part of it, which must not be renamed as if it were complete; -1 (not started, not waited
+// for) fails too.
+bool Succeeded(int status) {
+    return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
 
 }  // namespace
 
@@ -60,7 +65,7 @@ void DownloadManagerFork::Process(const DownloadItem& item) {
     std::string final_path = folder_ + "/" + item.file.name;
     std::string temp = final_path + ".download";
     int status = RunProgram({"wget", "-O", temp, "--", item.file.url});
-    if (status & kExitStatusMask) {
+    if (!Succeeded(status)) {
         item.callback(QV_FAILED, item.file);
         return;
     }

@@ -1,7 +1,7 @@
 // DownloadManagerFork: downloads handed to the system's wget, one at a time, from a thread of
 // its own. No resume: each item runs `wget -O <folder>/<name>.download -- <url>`, and the file is
-// renamed to "<folder>/<name>" when wget exits with status 0 (or is killed by a signal, which
-// leaves no exit status to judge). A failed item keeps its partial ".download" file.
+// renamed to "<folder>/<name>" only when wget exits with status 0: one killed by a signal left a
+// part of the file. A failed item keeps its partial ".download" file.
 //
 // wget is started directly with an argument vector, never through a shell, so a URL or a name
 // may hold any character (quotes, $, `, \, blanks) and reaches wget as it stands. The "--" keeps

@@ -109,7 +109,7 @@ bool IsSDCardMounted(const std::string& mount_point) {
     // The system's mount table as its mount program prints it, searched here rather than by a
     // shell pipeline: any mount point can be asked about, and nothing in it runs.
     std::string table;
-    if (RunProgram({"mount"}, &table) != 0) return false;
+    if (utilities::RunProgram({"mount"}, &table) != 0) return false;
     return table.find(mount_point) != std::string::npos;
 }
 

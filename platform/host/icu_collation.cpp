@@ -81,13 +81,23 @@ int RegisterOnConnection(sqlite3* db, char**, const sqlite3_api_routines*) {
                                       &LoadCollation, nullptr, nullptr, nullptr);
 }
 
+// Registering the extension initialises SQLite, after which its threading mode can no longer
+// change: the platform then configures it first, serialized, so that a connection can be shared
+// between threads. A platform whose SQLite has no ICU collation (QV_HOST_NO_ICU_COLLATION) leaves
+// SQLite untouched until it is asked for the collation, so the first open of a process is the one
+// that configures it.
+void RegisterOnce() {
+    static const bool registered = [] {
+        sqlite3_config(SQLITE_CONFIG_SERIALIZED);
+        return sqlite3_auto_extension(reinterpret_cast<void (*)(void)>(&RegisterOnConnection)) ==
+               SQLITE_OK;
+    }();
+    static_cast<void>(registered);
+}
+
 __attribute__((constructor)) void InstallIcuCollation() {
     g_enabled = !DisabledByEnvironment();
-    // The platform configures its SQLite before anyone uses it, as the device's does: serialized,
-    // so that a connection can be shared between threads. Registering the extension initialises
-    // SQLite, after which the mode can no longer change.
-    sqlite3_config(SQLITE_CONFIG_SERIALIZED);
-    sqlite3_auto_extension(reinterpret_cast<void (*)(void)>(&RegisterOnConnection));
+    if (g_enabled) RegisterOnce();
 }
 
 }  // namespace
@@ -96,6 +106,7 @@ extern "C" {
 
 void qvhost_set_icu_collation_enabled(int enabled) {
     g_enabled = enabled != 0;
+    if (enabled) RegisterOnce();
 }
 
 int qvhost_icu_collation_enabled(void) {

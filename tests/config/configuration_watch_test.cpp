@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <memory>
@@ -110,6 +111,33 @@ TEST(ConfigurationMultiWatch, ManySavesBetweenPollsGiveOneNotificationPerFile) {
     EXPECT_EQ(other.calls, 1);
 }
 
+TEST(ConfigurationMultiWatch, ListenersGoOnHearingWhenAnotherLeavesAndWhenTheFileIsMadeAnew) {
+    ConfigurationMultiWatch watch;
+    Counter first, second;
+    ASSERT_EQ(watch.AddWatch(kFile, &first), 0);
+    ASSERT_EQ(watch.AddWatch(kFile, &second), 0);
+    // The two share the file's watch: the first leaving must not take it from the second.
+    ASSERT_EQ(watch.DeleteWatch(kFile, &first), 0);
+    SaveInAnotherProcess(kFile, {{"key", "one"}});
+    watch.CheckChanges();
+    EXPECT_EQ(first.calls, 0);
+    EXPECT_EQ(second.calls, 1);
+
+    // Deleted, the file takes its watch along; made again by another process, it is heard of,
+    // and so is every later save.
+    ASSERT_EQ(::unlink(kFile.c_str()), 0);
+    watch.CheckChanges();
+    EXPECT_EQ(second.calls, 1);
+    SaveInAnotherProcess(kFile, {{"key", "two"}});
+    watch.CheckChanges();
+    EXPECT_EQ(second.calls, 2);
+    SaveInAnotherProcess(kFile, {{"key", "three"}});
+    watch.CheckChanges();
+    EXPECT_EQ(second.calls, 3);
+    watch.CheckChanges();
+    EXPECT_EQ(second.calls, 3);
+}
+
 TEST(ConfigurationMultiWatch, AForkedChildNeitherTakesNorEndsItsParentsEvents) {
     ConfigurationMultiWatch watch;
     Counter listener;
@@ -159,6 +187,17 @@ TEST(ConfigurationWatch, NeedsAnExistingFileAndReopensItsHandleOnChange) {
     EXPECT_STREQ(ReadString(watch.GetConfig(), "key", ""), "new 9");
     watch.CheckChanges();
     EXPECT_EQ(listener.calls, 1);
+
+    // A file deleted and made again by another process is watched anew.
+    ASSERT_EQ(::unlink(kFile.c_str()), 0);
+    watch.CheckChanges();
+    int expected = listener.calls;
+    for (const char* value : {"again", "and again"}) {
+        SaveInAnotherProcess(kFile, {{"key", value}});
+        watch.CheckChanges();
+        EXPECT_EQ(listener.calls, ++expected) << value;
+        EXPECT_STREQ(ReadString(watch.GetConfig(), "key", ""), value);
+    }
 }
 
 TEST(ConfigurationWatch, AForkedChildLeavesTheParentsWatchAlone) {

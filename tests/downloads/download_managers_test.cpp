@@ -8,6 +8,8 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -30,6 +32,7 @@ using quorvel::utilities::FileToSync;
 using quorvel::utilities::SyncDownloader;
 using qvtest::Exists;
 using qvtest::FileUrl;
+using qvtest::LogCapture;
 using qvtest::ReadFile;
 using qvtest::Sha256OfFile;
 using qvtest::Sha256OfPattern;
@@ -157,6 +160,44 @@ TEST_F(DownloadManagers, ItemsAddedFromManyThreadsAndFromCallbacksAllRunOnce) {
     EXPECT_EQ(finished, 24);
     EXPECT_EQ(qvtest::FileSize(kFolder + "/t3-4.bin"), 2000);
     EXPECT_EQ(qvtest::FileSize(kFolder + "/follow-t2-0.bin"), 500);
+}
+
+TEST_F(DownloadManagers, APauseOrAnAbortHoldsTheQueueUntilARetry) {
+    DownloadManager manager;
+    ASSERT_EQ(manager.Init(kFolder), 0);
+    Completions done;
+    ASSERT_EQ(manager.AddItem(Book(FileUrl(server_, 35, 200000, "rate=100000"), "held.bin"),
+                              done.For(manager)),
+              0);
+    ASSERT_EQ(manager.AddItem(Book(FileUrl(server_, 36, 100), "next.bin"), done.For(manager)), 0);
+    ASSERT_TRUE(qvtest::Eventually([&] { return manager.GetStatus().current > 0; }));
+
+    LogCapture log;
+    Downloader& downloader = manager.GetDownloader();
+    ASSERT_EQ(downloader.Pause(nullptr), QV_OK);
+    ASSERT_TRUE(qvtest::Eventually([&] { return log.Has(1, qvtest::PidLine("INVALID state")); }));
+    EXPECT_EQ(manager.GetStatus().status, Downloader::DS_Paused);
+    ASSERT_EQ(downloader.Abort(nullptr), QV_OK);
+    ASSERT_TRUE(
+        qvtest::Eventually([&] { return manager.GetStatus().status == Downloader::DS_Aborted; }));
+
+    // Nothing moves on, also when another item comes.
+    ASSERT_EQ(manager.AddItem(Book(FileUrl(server_, 37, 100), "third.bin"), done.For(manager)), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_TRUE(done.Entries().empty());
+    EXPECT_FALSE(Exists(kFolder + "/held.bin.downloading"));
+    EXPECT_FALSE(Exists(kFolder + "/next.bin.downloading"));
+
+    // A retry runs the held item again, and the queue goes on behind it.
+    ASSERT_EQ(downloader.Retry(nullptr), QV_OK);
+    ASSERT_TRUE(done.WaitFor(3));
+    std::vector<Completions::Entry> entries = done.Entries();
+    EXPECT_EQ(entries[0].name, "held.bin");
+    EXPECT_EQ(entries[1].name, "next.bin");
+    EXPECT_EQ(entries[2].name, "third.bin");
+    for (const auto& entry : entries)
+        EXPECT_EQ(entry.result, 0) << entry.name;
+    EXPECT_EQ(Sha256OfFile(kFolder + "/held.bin"), Sha256OfPattern(35, 200000));
 }
 
 TEST_F(DownloadManagers, ItemsStillWaitingAreDroppedWithTheManager) {
@@ -291,6 +332,58 @@ TEST_F(DownloadManagers, TheForkManagerHandsItemsToWget) {
     EXPECT_NE(ReadFile(kFolder + "/" + kHostileName).find("target " + SentTarget(kHostileTarget)),
               std::string::npos);
     EXPECT_FALSE(Exists("/tmp/owned"));
+}
+
+// A wget of the test's own, first on the PATH: it writes a part of the file, then ends as the URL
+// says: "/ok" well, "/fails" with status 8 (a server error), "/killed" by a signal.
+void InstallFakeWget() {
+    const std::string bin = "/tmp/fake-bin";
+    ASSERT_EQ(::mkdir(bin.c_str(), 0755), 0);
+    qvtest::WriteFile(bin + "/wget",
+                      "#!/bin/sh\n"
+                      "# wget -O FILE [--] URL: the URL is the last argument\n"
+                      "for url; do :; done\n"
+                      "printf 'part of %s' \"$url\" > \"$2\"\n"
+                      "case \"$url\" in\n"
+                      "  */fails) exit 8 ;;\n"
+                      "  */killed) kill -KILL $$ ;;\n"
+                      "esac\n");
+    ASSERT_EQ(::chmod((bin + "/wget").c_str(), 0755), 0);
+    ASSERT_EQ(::setenv("PATH", (bin + ":" + std::getenv("PATH")).c_str(), 1), 0);
+}
+
+TEST(DownloadManagerFork, OnlyAWgetThatEndsWellGivesTheFile) {
+    ASSERT_NO_FATAL_FAILURE(InstallFakeWget());
+    ASSERT_EQ(::mkdir(kFolder.c_str(), 0777), 0);
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::map<std::string, int> results;
+    {
+        DownloadManagerFork manager;
+        ASSERT_EQ(manager.Init(kFolder), 0);
+        for (const char* name : {"ok", "fails", "killed"}) {
+            auto record = [&](int result, FileToSync file) {
+                std::lock_guard<std::mutex> lock(mutex);
+                results[file.name] = result;
+                changed.notify_all();
+            };
+            ASSERT_EQ(manager.AddItem(Book(std::string("http://127.0.0.1/") + name, name), record),
+                      0);
+        }
+        std::unique_lock<std::mutex> lock(mutex);
+        ASSERT_TRUE(
+            changed.wait_for(lock, std::chrono::seconds(30), [&] { return results.size() == 3; }));
+    }
+    EXPECT_EQ(results["ok"], 0);
+    EXPECT_EQ(ReadFile(kFolder + "/ok"), "part of http://127.0.0.1/ok");
+    EXPECT_FALSE(Exists(kFolder + "/ok.download"));
+    // Neither a failed wget nor a killed one has the whole file: what it wrote keeps its
+    // temporary name.
+    for (const char* name : {"fails", "killed"}) {
+        EXPECT_EQ(results[name], -1) << name;
+        EXPECT_FALSE(Exists(kFolder + "/" + name)) << name;
+        EXPECT_TRUE(Exists(kFolder + "/" + name + ".download")) << name;
+    }
 }
 
 }  // namespace

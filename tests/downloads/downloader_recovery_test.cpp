@@ -13,6 +13,7 @@
 
 #include "child_process.h"
 #include "common_utilities/downloader.h"
+#include "connect_hook.h"
 #include "download_test_support.h"
 #include "log_capture.h"
 #include "server_process.h"
@@ -171,6 +172,39 @@ TEST_F(DownloadRecovery, AFullDiskIsErrorKindThreeAndLeavesNoDataFile) {
     EXPECT_LT(kept, 1024 * 1024);
     Started().CleanupOnErr(Book("", "full.bin"));
     EXPECT_FALSE(qvtest::Exists(Temp("full.bin")));
+}
+
+TEST_F(DownloadRecovery, ARefusedConnectionIsTriedOnceMoreAndTlsIsNotVerified) {
+    LogCapture log;
+    // Nobody listens there at first; the server comes up just ahead of the second attempt.
+    const int port = qvtest::ClosedPort();
+    std::unique_ptr<qvtest::HttpTestServer> late;
+    qvtest::HookConnect(port, 2, [&late, port] {
+        late = std::make_unique<qvtest::HttpTestServer>(
+            std::vector<std::string>{"--http-port", std::to_string(port)});
+    });
+    const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/dl/file/26/30000";
+    Downloader::StatusInfo end = Run(Book(url, "late.bin", 30000));
+    EXPECT_EQ(end.status, Downloader::DS_Finished);
+    EXPECT_EQ(qvtest::ConnectAttempts(), 2);
+    EXPECT_EQ(Sha256OfFile(Temp("late.bin")), Sha256OfPattern(26, 30000));
+
+    // Only one more: a server that doesn't come is a failed transfer.
+    const int nobody = qvtest::ClosedPort();
+    qvtest::HookConnect(nobody, 0, nullptr);
+    const std::string never = "http://127.0.0.1:" + std::to_string(nobody) + "/dl/file/27/10";
+    end = Run(Book(never, "never.bin"));
+    EXPECT_EQ(end.status, Downloader::DS_Error);
+    EXPECT_EQ(end.error, Downloader::kErrorTransfer);
+    EXPECT_EQ(qvtest::ConnectAttempts(), 2);
+    EXPECT_TRUE(
+        log.Has(kError, PidLine("File download failed [" + never + "] with curl error [7]")));
+
+    // Downloads take any certificate, the test server's self-signed one too.
+    end = Run(Book(server_.TlsUrl("/dl/file/28/50000"), "secure.bin", 50000));
+    EXPECT_EQ(end.status, Downloader::DS_Finished);
+    EXPECT_EQ(end.http_code, 200);
+    EXPECT_EQ(Sha256OfFile(Temp("secure.bin")), Sha256OfPattern(28, 50000));
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include "common_utilities/http_request.h"
 #include "log_capture.h"
 #include "moorglass_host.h"
+#include "mount_over.h"
 #include "server_process.h"
 
 namespace {
@@ -467,22 +468,63 @@ TEST_F(HttpRunner, CookieFileCarriesCookiesBetweenRequests) {
     EXPECT_EQ(Perform(kept, HttpRequest("GET", server_.Url("/cookies"))).body(), "");
 }
 
-TEST_F(HttpRunner, TlsIsVerifiedUnlessTheRequestSkipsTheCheck) {
-    LogCapture log;
-    HttpRequest request("GET", server_.TlsUrl("/echo"));
-    Reply reply = Perform(request);
-    EXPECT_EQ(reply.rc, -1);
-    EXPECT_TRUE(log.HasFragment(kError, "curl_easy_perform failed with [" +
-                                            std::to_string(CURLE_PEER_FAILED_VERIFICATION) + "]"));
-    EXPECT_EQ(Stream(request).rc, -1);
+// A CA made now, and a key and certificate for 127.0.0.1 that it signed, as PEM files in `dir`:
+// ca.pem, server.pem, server.key.
+void MakeTestCa(const std::string& dir) {
+    const std::string script =
+        "set -e; mkdir -p " + dir + "; cd " + dir +
+        "; openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2"
+        " -subj '/CN=Test CA' -keyout ca.key -out ca.pem"
+        "; openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=127.0.0.1"
+        " -keyout server.key -out server.csr"
+        "; echo subjectAltName=IP:127.0.0.1 > san.cnf"
+        "; openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2"
+        " -extfile san.cnf -out server.pem";
+    qvtest::ChildResult made = qvtest::RunProgram({"sh", "-c", script});
+    ASSERT_TRUE(made.Succeeded()) << made.Describe();
+}
 
-    request.skip_ssl_check_ = true;
-    reply = Perform(request);
-    EXPECT_EQ(reply.rc, 0);
-    EXPECT_EQ(EchoField(reply.body(), "method"), "GET");
-    StreamReply streamed = Stream(request);
-    EXPECT_EQ(streamed.rc, 0);
-    EXPECT_EQ(EchoField(streamed.body, "method"), "GET");
+TEST_F(HttpRunner, TlsIsVerifiedAgainstTheSystemBundleUnlessTheRequestSkipsTheCheck) {
+    const std::string dir = "/tmp/test-ca";
+    MakeTestCa(dir);
+    HttpTestServer signed_server({"--cert", dir + "/server.pem", "--key", dir + "/server.key"});
+    const std::string refused =
+        "curl_easy_perform failed with [" + std::to_string(CURLE_PEER_FAILED_VERIFICATION) + "]";
+    HttpRequest self_signed("GET", server_.TlsUrl("/echo"));
+    HttpRequest by_test_ca("GET", signed_server.TlsUrl("/echo"));
+
+    // The system's bundle knows neither certificate.
+    LogCapture log;
+    EXPECT_EQ(Perform(self_signed).rc, -1);
+    EXPECT_EQ(Perform(by_test_ca).rc, -1);
+    EXPECT_TRUE(log.HasFragment(kError, refused));
+    EXPECT_EQ(Stream(by_test_ca).rc, -1);
+    {
+        // A bundle that holds the test CA: what it signed is trusted, and only that.
+        qvtest::MountOver bundle(dir + "/ca.pem", "/etc/ssl/certs/ca-certificates.crt");
+        Reply reply = Perform(by_test_ca);
+        EXPECT_EQ(reply.rc, 0);
+        EXPECT_EQ(EchoField(reply.body(), "method"), "GET");
+        StreamReply streamed = Stream(by_test_ca);
+        EXPECT_EQ(streamed.rc, 0);
+        EXPECT_EQ(EchoField(streamed.body, "method"), "GET");
+        log.Clear();
+        EXPECT_EQ(Perform(self_signed).rc, -1);
+        EXPECT_TRUE(log.HasFragment(kError, refused));
+    }
+    log.Clear();
+    EXPECT_EQ(Perform(by_test_ca).rc, -1);
+    EXPECT_TRUE(log.HasFragment(kError, refused));
+
+    for (HttpRequest* request : {&self_signed, &by_test_ca}) {
+        request->skip_ssl_check_ = true;
+        Reply reply = Perform(*request);
+        EXPECT_EQ(reply.rc, 0);
+        EXPECT_EQ(EchoField(reply.body(), "method"), "GET");
+        StreamReply streamed = Stream(*request);
+        EXPECT_EQ(streamed.rc, 0);
+        EXPECT_EQ(EchoField(streamed.body, "method"), "GET");
+    }
 }
 
 TEST_F(HttpRunner, KeptHandleReusesTheConnectionAndResetsEachRequest) {
@@ -544,28 +586,6 @@ TEST_F(HttpRunner, PrepareRequestLeavesTheTransferAndHeaderListToTheCaller) {
               0);
     EXPECT_EQ(no_headers.headers, nullptr);
     curl_easy_cleanup(curl);
-}
-
-TEST(HttpRunnerCallbacks, DataAndHeaderCallbacksFollowTheirContract) {
-    char buffer[8] = "abcdefg";
-    HttpRequestRunner::BodyHandler empty;
-    HttpRequestRunner::BodyHandler half = [](unsigned length, char*) { return length / 2; };
-    EXPECT_EQ(HttpRequestRunner::data_cb(buffer, 2, 3, &empty), 6u);
-    EXPECT_EQ(HttpRequestRunner::data_cb(buffer, 2, 3, nullptr), 6u);
-    EXPECT_EQ(HttpRequestRunner::data_cb(nullptr, 2, 3, &half), 6u);
-    EXPECT_EQ(HttpRequestRunner::data_cb(buffer, 2, 3, &half), 3u);
-
-    Records records;
-    std::string line = "Content-Type: text/html; a=b:c\r\n";
-    EXPECT_EQ(HttpRequestRunner::write_header(line.data(), 1, line.size(), &records), line.size());
-    EXPECT_EQ(records["Content-Type"], " text/html; a=b:c\r");
-    std::string lines = "A:1\nB: 2\nno colon\n";
-    HttpRequestRunner::write_header(lines.data(), lines.size(), 1, &records);
-    EXPECT_EQ(records["A"], "1");
-    EXPECT_EQ(records["B"], " 2");
-    EXPECT_EQ(records["no colon"], "no colon");
-    EXPECT_EQ(HttpRequestRunner::write_header(lines.data(), 1, lines.size(), nullptr),
-              lines.size());
 }
 
 }  // namespace

@@ -5,7 +5,9 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -96,6 +98,147 @@ TEST_F(DbSetup, FirstStartMakesTheDirectoriesTheSchemaAndThePragmas) {
     ::close(fd);
 }
 
+// Every statement that any connection of this process prepares from now on, in order: SQLite's
+// own trace, installed on each new connection.
+class StatementTrace {
+public:
+    StatementTrace() {
+        Statements().clear();
+        sqlite3_auto_extension(reinterpret_cast<void (*)(void)>(&Install));
+    }
+    ~StatementTrace() { sqlite3_cancel_auto_extension(reinterpret_cast<void (*)(void)>(&Install)); }
+    // The traced statements that begin with one of `prefixes`, in order.
+    std::vector<std::string> Starting(const std::vector<std::string>& prefixes) const {
+        std::vector<std::string> found;
+        for (const auto& sql : Statements()) {
+            for (const auto& prefix : prefixes) {
+                if (sql.rfind(prefix, 0) == 0) {
+                    found.push_back(sql);
+                    break;
+                }
+            }
+        }
+        return found;
+    }
+
+private:
+    static std::vector<std::string>& Statements() {
+        static std::vector<std::string> statements;
+        return statements;
+    }
+    static int Record(unsigned, void*, void*, void* sql) {
+        Statements().emplace_back(static_cast<const char*>(sql));
+        return 0;
+    }
+    static int Install(sqlite3* db, char**, const sqlite3_api_routines*) {
+        return sqlite3_trace_v2(db, SQLITE_TRACE_STMT, &Record, nullptr);
+    }
+};
+
+// A setting read back on the connection itself.
+std::string Pragma(Sqlite& db, const std::string& name) {
+    auto st = db.prepare("PRAGMA " + name);
+    if (!st || st->step() != kRow) return "<error>";
+    return st->column_text(0);
+}
+
+TEST_F(DbSetup, ThePragmasRunInTheirOrderAfterTheSchemaAndHoldOnTheConnection) {
+    StatementTrace trace;
+    DbManagerHelper helper = Helper(1);
+    ASSERT_EQ(0, helper.GetDb(db));
+    // After the schema's last statement, ahead of the version's test.
+    EXPECT_THAT(
+        trace.Starting({"INSERT", "PRAGMA", "SELECT"}),
+        ElementsAre("INSERT OR IGNORE INTO storages (id, name) VALUES (1, "
+                    "'InternalStorage');",
+                    "INSERT OR IGNORE INTO version VALUES(1)", "PRAGMA page_size=8192",
+                    "PRAGMA synchronous=1", "PRAGMA journal_mode = WAL", "PRAGMA temp_store = 2",
+                    "PRAGMA locking_mode = NORMAL", "SELECT id FROM version;"));
+
+    // synchronous and temp_store belong to the connection: only it can show them.
+    EXPECT_EQ("1", Pragma(db, "synchronous"));
+    EXPECT_EQ("2", Pragma(db, "temp_store"));
+    EXPECT_EQ("wal", Pragma(db, "journal_mode"));
+    EXPECT_EQ("normal", Pragma(db, "locking_mode"));
+    // The tables came first, so the page size stays SQLite's default.
+    EXPECT_EQ("4096", Pragma(db, "page_size"));
+
+    // An existing file at the expected version is kept as it is, and gets the same PRAGMAs.
+    EXPECT_EQ(kDone, db.exec("INSERT INTO notes(body) VALUES('kept note')"));
+    db.close();
+    const unsigned long inode = Inode(kPath);
+    StatementTrace again;
+    StderrCapture err;
+    ASSERT_EQ(0, helper.GetDb(db));
+    EXPECT_EQ(inode, Inode(kPath));
+    EXPECT_EQ("kept note", QueryOne(kPath, "SELECT body FROM notes"));
+    EXPECT_EQ("", err.Text());
+    EXPECT_THAT(
+        again.Starting({"PRAGMA"}),
+        ElementsAre("PRAGMA page_size=8192", "PRAGMA synchronous=1", "PRAGMA journal_mode = WAL",
+                    "PRAGMA temp_store = 2", "PRAGMA locking_mode = NORMAL"));
+    EXPECT_EQ("1", Pragma(db, "synchronous"));
+}
+
+TEST_F(DbSetup, AnOpenThatFailsReportsTheStepThatFailed) {
+    LogCapture log;
+    // The lock file can't be made: a file stands where the directory should be.
+    WriteFile("/mnt/ext1/system/plain-file", "");
+    DbManagerHelper under_a_file("/mnt/ext1/system/plain-file/notes.db", kKey, 1, kArchive,
+                                 Schema(1));
+    EXPECT_EQ(-1, under_a_file.GetDb(db));
+    EXPECT_TRUE(log.Has(QV_LOG_ERROR, PidLine(" err:[-1] ")));
+
+    // Nor in a directory that the process may not read.
+    ASSERT_EQ(0, ::mkdir("/mnt/ext1/system/locked", 0700));
+    auto stranger = qvtest::RunInChild([] {
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0) return 10;
+        DbManagerHelper helper("/mnt/ext1/system/locked/notes.db", kKey, 1, kArchive, Schema(1));
+        Sqlite db;
+        return helper.GetDb(db) == -1 ? 0 : 20;
+    });
+    EXPECT_TRUE(stranger.Succeeded()) << stranger.Describe();
+    EXPECT_FALSE(Exists("/mnt/ext1/system/locked/notes.db"));
+
+    // SQLite can't open what is there: a directory of the database's name.
+    ASSERT_EQ(0, ::mkdir(kDir.c_str(), 0755));
+    ASSERT_EQ(0, ::mkdir(kPath.c_str(), 0755));
+    log.Clear();
+    EXPECT_EQ(kCantOpen, Helper(1).GetDb(db));
+    EXPECT_TRUE(log.Has(QV_LOG_ERROR, PidLine("Failed with [14] Can't open database")));
+    EXPECT_TRUE(log.Has(QV_LOG_ERROR, PidLine(" err:[14] ")));
+}
+
+TEST_F(DbSetup, AnotherPathIsSetUpAndUpgradedInsteadOfTheHelpersOwn) {
+    MakeDatabase(1, "own note");
+    const std::string other = "/mnt/ext1/system/notes-elsewhere/notes.db";
+    {
+        DbManagerHelper first = Helper(1);
+        ASSERT_EQ(0, first.GetDb(db, other));
+        EXPECT_EQ(kDone, db.exec("INSERT INTO notes(body) VALUES('other note')"));
+        db.close();
+    }
+    EXPECT_TRUE(Exists(other + ".lock"));
+    MakeScriptsArchive(kArchive, {{"1to2.sql",
+                                   "ALTER TABLE notes ADD COLUMN stars INTEGER DEFAULT 5;\n"
+                                   "UPDATE version SET id = 2;\n"}});
+    const unsigned long inode = Inode(other);
+    DbManagerHelper helper = Helper(2);
+    StderrCapture err;
+    ASSERT_EQ(0, helper.GetDb(db, other));
+
+    // The file asked about was upgraded in place, its note kept.
+    EXPECT_EQ(2, helper.GetVersion(db));
+    EXPECT_EQ(inode, Inode(other));
+    EXPECT_EQ("5", QueryOne(other, "SELECT stars FROM notes WHERE body = 'other note'"));
+    EXPECT_EQ("wal", QueryOne(other, "PRAGMA journal_mode"));
+    // The helper's own file was not touched.
+    EXPECT_EQ("1", QueryOne(kPath, "SELECT id FROM version"));
+    EXPECT_EQ("<error>", QueryOne(kPath, "SELECT stars FROM notes"));
+    EXPECT_EQ("own note", QueryOne(kPath, "SELECT body FROM notes"));
+    EXPECT_FALSE(Exists("/tmp/" + SerializationUtils::ToHex(other)));
+}
+
 TEST_F(DbSetup, SchemaRunsInOneTransaction) {
     std::vector<std::string> schema = Schema(1);
     schema.insert(schema.begin() + 3, "CREATE TABLE half(x) WITH A TYPO");
@@ -108,17 +251,6 @@ TEST_F(DbSetup, SchemaRunsInOneTransaction) {
     db.close();
     // The statements before the failing one were rolled back with it.
     EXPECT_EQ("0", QueryOne(kPath, "SELECT count(*) FROM sqlite_master"));
-}
-
-TEST_F(DbSetup, AFileAtTheExpectedVersionIsKeptAsItIs) {
-    MakeDatabase(1);
-    unsigned long inode = Inode(kPath);
-    DbManagerHelper helper = Helper(1);
-    StderrCapture err;
-    ASSERT_EQ(0, helper.GetDb(db));
-    EXPECT_EQ(inode, Inode(kPath));
-    EXPECT_EQ("kept note", QueryOne(kPath, "SELECT body FROM notes"));
-    EXPECT_EQ("", err.Text());
 }
 
 TEST_F(DbSetup, UpgradeRunsSqlThroughTheShellAndShellScriptsStepByStep) {
@@ -241,29 +373,6 @@ TEST_F(DbSetup, AVersionNoScriptsCanReachIsReplacedAtOnce) {
     EXPECT_THAT(err.Text(), HasSubstr("Cant read scripts of 2147482999 steps\n"));
 }
 
-TEST_F(DbSetup, EmptyOrAmbiguousVersionTableIsVersionZero) {
-    DbManagerHelper helper = Helper(1);
-    ASSERT_EQ(0, helper.GetDb(db));
-    EXPECT_EQ(kDone, db.exec("INSERT INTO version VALUES(7)"));
-    EXPECT_EQ(0, helper.GetVersion(db));
-    EXPECT_EQ(kDone, db.exec("DELETE FROM version"));
-    EXPECT_EQ(0, helper.GetVersion(db));
-    StderrCapture err;
-    EXPECT_FALSE(helper.TestVersion(db));
-    EXPECT_EQ("QVDB::testVersion: DB version is invalid ( 1 expected, 0 found)\n", err.Text());
-}
-
-TEST_F(DbSetup, FixVersionOnACurrentFileVacuumsTwiceAndSucceeds) {
-    MakeScriptsArchive(kArchive, {{"1to2.sql", "UPDATE version SET id = 2;\n"}});
-    DbManagerHelper helper = Helper(1);
-    ASSERT_EQ(0, helper.GetDb(db));
-    StderrCapture err;
-    EXPECT_EQ(0, helper.FixVersion(db));
-    EXPECT_THAT(err.Lines(), ElementsAre("Exec 'vacuum'", "Exec 'vacuum'"));
-    EXPECT_EQ(1, helper.GetVersion(db));
-    EXPECT_FALSE(Exists(kWorkDir));
-}
-
 TEST_F(DbSetup, AFileThatIsNoDatabaseIsMarkedAndTheNextStartBeginsAfresh) {
     WriteFile(kPath, std::string(8192, 'x'));
     SetGlobal("language", "de");
@@ -303,19 +412,6 @@ TEST_F(DbSetup, TheMarkerDeletesTheFileAndIsClearedAlsoWhenTheFileIsGone) {
     ASSERT_EQ(0, helper.GetDb(db));
     EXPECT_EQ(0, ReadMarker(kKey));
     EXPECT_EQ(1, helper.GetVersion(db));
-}
-
-TEST_F(DbSetup, CorruptHandlerSavesTheMarkerAndTellsTheSystem) {
-    DbManagerHelper helper = Helper(1);
-    ASSERT_EQ(0, helper.GetDb(db));
-    qvhost_ipc_clear();
-    // The handler GetDb installed is this helper's.
-    ASSERT_TRUE(db.corrupt_handler);
-    db.corrupt_handler();
-    EXPECT_EQ(1, ReadMarker(kKey));
-    EXPECT_EQ(1, qvhost_ipc_count(272));
-    // The connection is left alone until the next start.
-    EXPECT_EQ(kDone, db.exec("INSERT INTO notes(body) VALUES('still usable')"));
 }
 
 TEST_F(DbSetup, TheMarkerIsTestedOnlyUnderTheLockThatAnotherProcessHolds) {

@@ -10,6 +10,7 @@ namespace mediatest {
 
 // SQLite's codes, spelt out: like an application, the tests build without SQLite's header.
 constexpr int kError = 1;
+constexpr int kCantOpen = 14;
 constexpr int kNotADb = 26;
 constexpr int kRow = 100;
 constexpr int kDone = 101;

@@ -108,7 +108,19 @@ std::string HttpTestServerProgram() {
     return BuildProgram("test_http_server");
 }
 
-HttpTestServer::HttpTestServer() : process_({HttpTestServerProgram()}) {}
+namespace {
+
+std::vector<std::string> WithProgram(const std::string& program,
+                                     const std::vector<std::string>& options) {
+    std::vector<std::string> argv{program};
+    argv.insert(argv.end(), options.begin(), options.end());
+    return argv;
+}
+
+}  // namespace
+
+HttpTestServer::HttpTestServer(const std::vector<std::string>& options)
+    : process_(WithProgram(HttpTestServerProgram(), options)) {}
 
 std::string HttpTestServer::Url(const std::string& path) const {
     return "http://127.0.0.1:" + std::to_string(port()) + path;

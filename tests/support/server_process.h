@@ -39,7 +39,8 @@ private:
 // on 127.0.0.1 with a certificate no client trusts.
 class HttpTestServer {
 public:
-    HttpTestServer();
+    // `options` go to the program as they stand (see tests/support/http_server/main.cpp).
+    explicit HttpTestServer(const std::vector<std::string>& options = {});
 
     int port() const { return process_.Port("http"); }
     int tls_port() const { return process_.Port("https"); }

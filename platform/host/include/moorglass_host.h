@@ -64,7 +64,8 @@ void qvhost_set_state_language(const char* language);
 /* Whether connections opened from now on get the SQL function icu_load_collation (connections
  * already open keep what they have). On at load unless the environment variable
  * QV_HOST_NO_ICU_COLLATION is set to a non-empty value other than "0": the host can then play a
- * device whose SQLite was built without ICU. */
+ * device whose SQLite was built without ICU, and leaves SQLite unconfigured until the first open
+ * (or until this is switched on). */
 void qvhost_set_icu_collation_enabled(int enabled);
 int qvhost_icu_collation_enabled(void);
 

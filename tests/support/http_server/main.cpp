@@ -1,6 +1,6 @@
 // test_http_server: the loopback HTTP and HTTPS server of the tests, benchmarks and demo.
 //
-//   test_http_server [--cert-out FILE]
+//   test_http_server [--cert-out FILE] [--cert FILE --key FILE] [--http-port PORT]
 //
 // Listens on two ephemeral ports of 127.0.0.1, plain HTTP and HTTPS with a self-signed
 // certificate made at start, and prints one line per listener and then "ready":
@@ -8,7 +8,9 @@
 //     https 40124
 //     ready
 // It serves the routes of routes_*.cpp until SIGTERM or SIGINT. --cert-out writes the
-// certificate (PEM) to FILE, for clients that are to trust it.
+// certificate (PEM) to FILE, for clients that are to trust it. --cert and --key give the TLS
+// listener a certificate and key (PEM files) made elsewhere, say signed by a test CA, instead.
+// --http-port puts the plain listener on PORT, for a server that has to appear at a known place.
 
 #include <signal.h>
 
@@ -16,6 +18,7 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -36,19 +39,56 @@ void Configure(httplib::Server& server, qvserver::ServerState& state) {
     qvserver::InstallRoutes(server, state);
 }
 
-int Bind(httplib::Server& server, const char* what) {
-    int port = server.bind_to_any_port(kHost);
+struct Options {
+    std::string cert_out;
+    std::string cert;
+    std::string key;
+    int http_port = 0;  // any
+};
+
+Options ParseOptions(int argc, char** argv) {
+    Options options;
+    for (int i = 1; i < argc; ++i) {
+        std::string name = argv[i];
+        if (i + 1 >= argc) throw std::runtime_error("no value for " + name);
+        std::string value = argv[++i];
+        if (name == "--cert-out") {
+            options.cert_out = value;
+        } else if (name == "--cert") {
+            options.cert = value;
+        } else if (name == "--key") {
+            options.key = value;
+        } else if (name == "--http-port") {
+            options.http_port = std::stoi(value);
+        } else {
+            throw std::runtime_error("unknown argument " + name +
+                                     " (usage: test_http_server [--cert-out FILE] [--cert FILE "
+                                     "--key FILE] [--http-port PORT])");
+        }
+    }
+    if (options.cert.empty() != options.key.empty())
+        throw std::runtime_error("--cert and --key go together");
+    return options;
+}
+
+int Bind(httplib::Server& server, const char* what, int port = 0) {
+    if (port > 0) {
+        if (!server.bind_to_port(kHost, port))
+            throw std::runtime_error(std::string("can't bind the ") + what + " listener");
+        return port;
+    }
+    port = server.bind_to_any_port(kHost);
     if (port <= 0) throw std::runtime_error(std::string("can't bind the ") + what + " listener");
     return port;
 }
 
-std::string CertOutPath(int argc, char** argv) {
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--cert-out") == 0 && i + 1 < argc) return argv[i + 1];
-        throw std::runtime_error(std::string("unknown argument ") + argv[i] +
-                                 " (usage: test_http_server [--cert-out FILE])");
-    }
-    return {};
+std::unique_ptr<httplib::SSLServer> MakeTlsServer(const Options& options) {
+    if (!options.cert.empty())
+        return std::make_unique<httplib::SSLServer>(options.cert.c_str(), options.key.c_str());
+    qvserver::SelfSigned tls = qvserver::MakeSelfSigned();
+    if (!options.cert_out.empty())
+        std::ofstream(options.cert_out) << qvserver::CertificatePem(tls.cert.get());
+    return std::make_unique<httplib::SSLServer>(tls.cert.get(), tls.key.get());
 }
 
 sigset_t StopSignals() {
@@ -60,22 +100,20 @@ sigset_t StopSignals() {
 }
 
 int Serve(int argc, char** argv) {
-    std::string cert_out = CertOutPath(argc, argv);
+    Options options = ParseOptions(argc, argv);
     // Blocked before any thread starts, so that only sigwait below receives them.
     sigset_t stop = StopSignals();
     pthread_sigmask(SIG_BLOCK, &stop, nullptr);
     ::signal(SIGPIPE, SIG_IGN);
 
     qvserver::ServerState state;
-    qvserver::SelfSigned tls = qvserver::MakeSelfSigned();
-    if (!cert_out.empty()) std::ofstream(cert_out) << qvserver::CertificatePem(tls.cert.get());
-
     httplib::Server plain;
-    httplib::SSLServer secure(tls.cert.get(), tls.key.get());
+    std::unique_ptr<httplib::SSLServer> tls = MakeTlsServer(options);
+    httplib::SSLServer& secure = *tls;
     if (!secure.is_valid()) throw std::runtime_error("the TLS listener can't be set up");
     Configure(plain, state);
     Configure(secure, state);
-    int plain_port = Bind(plain, "plain");
+    int plain_port = Bind(plain, "plain", options.http_port);
     int secure_port = Bind(secure, "TLS");
 
     std::thread plain_thread([&plain] { plain.listen_after_bind(); });
