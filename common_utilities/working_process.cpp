@@ -13,6 +13,9 @@ namespace utilities {
 namespace process {
 namespace {
 
+// How often the event loop looks for the end of a running batch.
+constexpr int kReportPollMs = 20;
+
 void InstallHandler(void (*handler)(int)) {
     struct sigaction action {};
     action.sa_handler = handler;
@@ -65,6 +68,15 @@ pid_t Reap(pid_t child, int* status) {
     return result;
 }
 
+// SIGCHLD is blocked by the caller, so the handler can't reap the child between the test and
+// the kill; a pid of 0 would signal the whole process group.
+int KillAndReap(pid_t child) {
+    if (child <= 0) return 0;
+    int result = ::kill(child, SIGKILL);
+    if (result == 0) ::waitpid(child, nullptr, 0);
+    return result;
+}
+
 void ReportTaskDone(int cmd, int task_id) {
     QV_LOG_INFO("cur_pid = %i, parent_pid = %i, current_task = %i", ::getpid(), ::getppid(),
                 GetCurrentTask());
@@ -101,6 +113,7 @@ void WorkingProcess::EnqueueTask(std::shared_ptr<IRunnable> task, int cmd, int t
 }
 
 int WorkingProcess::Run() {
+    if (int err = wait_errno_.exchange(0)) QV_LOG_ERROR("waitpid: error %i\n", err);
     if (running) {
         QV_LOG_ERROR("Another process has been already running");
         return -1;
@@ -139,15 +152,14 @@ int WorkingProcess::Work() {
 }
 
 // The child is killed and reaped here: left to the handler, which ignores a stopped batch, it
-// would stay a zombie for the life of the application.
+// would stay a zombie for the life of the application. The same holds for WorkingProcess_c11,
+// which also closes its pipe.
 int WorkingProcess::Stop() {
+    ChildSignalBlock block;
     if (!running) return 0;
     running = false;
     task_queue_ = std::make_shared<Queue>();
-    pid_t child = pid.exchange(0);
-    int result = ::kill(child, SIGKILL);
-    if (result == 0) ::waitpid(child, nullptr, 0);
-    return result;
+    return KillAndReap(pid.exchange(0));
 }
 
 bool WorkingProcess::TasksQueueEmpty() {
@@ -162,7 +174,7 @@ void WorkingProcess::SignalHandler(int signal) {
     pid_t result = Reap(self->pid, &status);
     if (result != 0) {
         self->running = false;
-        if (result != self->pid) QV_LOG_ERROR("waitpid: error %i\n", errno);
+        if (result != self->pid) self->wait_errno_ = errno;
         // The child had its own copy of the queue; the parent's is dropped.
         self->task_queue_.swap(self->spare_queue_);
     }
@@ -180,6 +192,8 @@ WorkingProcess_c11::WorkingProcess_c11()
 
 WorkingProcess_c11::~WorkingProcess_c11() {
     Stop();
+    ClearTimerEx(&ReportTimer, this);
+    ReportChildEnd();
     ClosePipe();
     WorkingProcess_c11* self = this;
     s_pWorker_.compare_exchange_strong(self, nullptr);
@@ -203,6 +217,7 @@ void WorkingProcess_c11::ClosePipe() {
 }
 
 int WorkingProcess_c11::Run() {
+    ReportChildEnd();
     if (running) {
         QV_LOG_ERROR("Another process has been already running");
         return -1;
@@ -235,7 +250,10 @@ int WorkingProcess_c11::Run() {
             running = true;
         }
     }
-    if (child > 0) return 0;
+    if (child > 0) {
+        SetHardTimerEx("WorkingProcess_c11", &ReportTimer, this, kReportPollMs);
+        return 0;
+    }
     ::close(pipe_read_);
     QV_LOG_INFO("Run process");
     Work();
@@ -270,13 +288,13 @@ int WorkingProcess_c11::Work() {
 }
 
 int WorkingProcess_c11::Stop() {
+    ChildSignalBlock block;
     if (!running) return 0;
     running = false;
     task_queue_ = std::make_shared<Queue>();
-    pid_t child = pid.exchange(0);
-    int result = ::kill(child, SIGKILL);
-    if (result == 0) ::waitpid(child, nullptr, 0);
+    int result = KillAndReap(pid.exchange(0));
     ClosePipe();
+    ClearTimerEx(&ReportTimer, this);
     return result;
 }
 
@@ -285,35 +303,54 @@ bool WorkingProcess_c11::TasksQueueEmpty() {
 }
 
 void WorkingProcess_c11::SignalHandler_c11(int signal) {
-    QV_LOG_TRACE(">>>   SignalHandler  <<<");
+    int saved_errno = errno;
     WorkingProcess_c11* self = s_pWorker_;
     if (signal != SIGCHLD || self == nullptr || !self->running || self->pid == 0) return;
-    int saved_errno = errno;
     int status = 0;
-    pid_t result = Reap(self->pid, &status);
-    if (result == 0) {
-        errno = saved_errno;
+    pid_t child = self->pid;
+    pid_t result = Reap(child, &status);
+    if (result != 0) {
+        ChildEnd& end = self->end_;
+        end.child = child;
+        end.waited = result;
+        end.wait_errno = errno;
+        end.status = status;
+        end.task_id = 0;
+        end.task_id_read = false;
+        if (result == child && WIFEXITED(status) && WEXITSTATUS(status) != 0) {
+            end.task_id_read = ::read(self->pipe_read_, &end.task_id, sizeof end.task_id) > 0;
+        }
+        self->task_queue_.swap(self->spare_queue_);
+        self->ClosePipe();
+        self->pid = 0;
+        self->running = false;
+        end.ready = true;
+    }
+    errno = saved_errno;
+}
+
+void WorkingProcess_c11::ReportChildEnd() {
+    if (!end_.ready.exchange(false)) return;
+    QV_LOG_TRACE(">>>   SignalHandler  <<<");
+    if (end_.waited != end_.child) {
+        QV_LOG_ERROR("waitpid: error %i\n", end_.wait_errno);
         return;
     }
-    self->running = false;
-    if (result != self->pid) {
-        QV_LOG_ERROR("waitpid: error %i\n", errno);
-    } else if (WIFEXITED(status)) {
-        int code = WEXITSTATUS(status);
-        if (code == 0) {
-            QV_LOG_INFO("Child terminated normally with exit code %i\n", code);
-        } else {
-            QV_LOG_ERROR("Child terminated normally with error %i", code);
-            int task_id = 0;
-            if (::read(self->pipe_read_, &task_id, sizeof task_id) > 0 && self->on_error) {
-                self->on_error(task_id, code);
-            }
-        }
+    // A child killed by a signal is not reported.
+    if (!WIFEXITED(end_.status)) return;
+    int code = WEXITSTATUS(end_.status);
+    if (code == 0) {
+        QV_LOG_INFO("Child terminated normally with exit code %i\n", code);
+        return;
     }
-    self->task_queue_.swap(self->spare_queue_);
-    self->ClosePipe();
-    self->pid = 0;
-    errno = saved_errno;
+    QV_LOG_ERROR("Child terminated normally with error %i", code);
+    if (end_.task_id_read && on_error) on_error(end_.task_id, code);
+}
+
+void WorkingProcess_c11::ReportTimer(void* self) {
+    auto* worker = static_cast<WorkingProcess_c11*>(self);
+    worker->ReportChildEnd();
+    if (worker->running) SetHardTimerEx("WorkingProcess_c11", &ReportTimer, worker, kReportPollMs);
 }
 
 }  // namespace process

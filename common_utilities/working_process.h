@@ -9,8 +9,15 @@
 // through a static pointer).
 //
 // WorkingProcess_c11 takes callables, and a task that returns non-zero ends the batch: the child
-// exits with that code, the remaining tasks don't run, and the parent's `on_error(task_id, code)`
-// is called from the SIGCHLD handler, that is in signal context: keep it short.
+// exits with that code, the remaining tasks don't run, and the parent learns of it through
+// `on_error(task_id, code)`.
+//
+// The SIGCHLD handlers do only what is safe in a signal handler: reap the child, read the failed
+// task's id from the pipe, swap in an empty queue made beforehand. The log lines of the child's
+// end and `on_error` follow on the thread of the application's event loop (a timer of the loop
+// looks for the child's end while a batch runs), or at the latest at the next Run or at the
+// destruction. Logging or allocating inside the handler could deadlock the application: it may
+// interrupt a thread that holds the logger's or the allocator's lock.
 #pragma once
 
 #include <sys/types.h>
@@ -94,6 +101,8 @@ private:
     // Made before the fork and swapped in by the SIGCHLD handler, which thus neither allocates
     // nor frees: the dropped queue waits here until the next call from outside signal context.
     std::shared_ptr<Queue> spare_queue_;
+    // errno of a failed waitpid in the handler, logged at the next Run.
+    std::atomic<int> wait_errno_{0};
 
     static std::atomic<WorkingProcess*> s_pThis_;
 };
@@ -120,13 +129,27 @@ public:
     static void SignalHandler_c11(int signal);
     int Work();
 
-    // Called in the parent, from the SIGCHLD handler, with the failed task's id and its code.
+    // Called in the parent, on the event loop's thread, with the failed task's id and its code.
     std::function<void(int, int)> on_error;
 
 private:
     using Queue = std::queue<QueueItem>;
 
+    // What the handler saw, for ReportChildEnd; written before `ready` is set.
+    struct ChildEnd {
+        std::atomic<bool> ready{false};
+        pid_t child = 0;
+        pid_t waited = 0;
+        int wait_errno = 0;
+        int status = 0;
+        int task_id = 0;
+        bool task_id_read = false;
+    };
+
     void ClosePipe();
+    // The log lines and on_error of a child's end the handler noted; nothing if none.
+    void ReportChildEnd();
+    static void ReportTimer(void* self);
 
     std::atomic<bool> running;
     std::shared_ptr<Queue> task_queue_;
@@ -134,6 +157,7 @@ private:
     int pipe_read_ = -1;
     int pipe_write_ = -1;
     std::shared_ptr<Queue> spare_queue_;
+    ChildEnd end_;
 
     static std::atomic<WorkingProcess_c11*> s_pWorker_;
 };

@@ -42,10 +42,10 @@ void StopLoop(void*) {
 
 // Runs the loop until the handler has seen `count` events (or the on_error hook stops it),
 // ten seconds at most.
-void RunLoopUntil(size_t count) {
+void RunLoopUntil(size_t count, int limit_ms = 10000) {
     g_expected = count;
     static char limit[] = "limit";
-    SetHardTimerEx("limit", &StopLoop, limit, 10000);
+    SetHardTimerEx("limit", &StopLoop, limit, limit_ms);
     ASSERT_EQ(0, qvhost_run_event_loop(&Record));
     ClearTimerEx(&StopLoop, limit);
 }
@@ -170,6 +170,8 @@ TEST(WorkingProcess_c11, StopAndAChildKilledFromOutsideLeaveTheWorkerReady) {
     ASSERT_GT(child, 0);
     kill(child, SIGKILL);
     ASSERT_TRUE(WaitForEnd(worker));
+    RunLoopUntil(99, 200);  // the limit ends it: the worker's report comes on the loop
+    EXPECT_TRUE(log.Has(5, qvtest::PidLine(">>>   SignalHandler  <<<")));
     EXPECT_EQ(0, g_error_calls.load());
     EXPECT_FALSE(log.HasFragment(0, "Child terminated normally"));
     EXPECT_EQ(0, worker.EnqueueTask(sleeper, 1, 3));  // no longer running

@@ -197,7 +197,9 @@ bool Gone(int pid) {
 }
 
 TEST(Tasks, StartedTasksAreFoundByNameAndEndWhenClosed) {
-    std::string path = InstallApp("sleeper.app", "exec sleep 60");
+    // Takes a moment to end when asked, as applications do.
+    std::string path =
+        InstallApp("sleeper.app", "trap 'sleep 0.1; exit 0' TERM\nwhile :; do sleep 0.05; done");
     char* argv[] = {const_cast<char*>(path.c_str()), nullptr};
     int task = NewTask(path.c_str(), argv, "sleeper.app", "Sleeper", nullptr, 128);
     ASSERT_GT(task, 0);
