@@ -73,6 +73,7 @@ void EventLoop::ChildAfterFork() {
     loop.owner_ = std::thread::id();
     loop.depth_ = 0;
     loop.stop_ = false;
+    loop.running_thread_ = pthread_t();
     loop.mutex_.unlock();
 }
 
@@ -182,7 +183,8 @@ bool EventLoop::IsArmed(mg_timer_proc_ex proc, void* context) {
 
 void EventLoop::RequestStop() {
     stop_ = true;
-    Wake();
+    // From the running loop's own thread (a handler) there is nothing to wake.
+    if (!pthread_equal(running_thread_.load(), pthread_self())) Wake();
 }
 
 bool EventLoop::Claim() {
@@ -209,8 +211,10 @@ void EventLoop::ProcessPass() {
 int EventLoop::Run(mg_event_handler handler) {
     SetHandler(handler);
     if (!Claim()) return -1;
+    pthread_t outer = running_thread_.exchange(pthread_self());
     while (!stop_.load()) Pass(true);
     stop_ = false;
+    running_thread_ = outer;
     Release();
     return 0;
 }
@@ -220,8 +224,7 @@ int EventLoop::Run(mg_event_handler handler) {
 // pass began take part, so a callback that re-arms its timer for 0 ms fires in the next pass
 // instead of holding this one for ever.
 void EventLoop::Pass(bool wait) {
-    if (wait) WaitForWork();
-    ReceiveFromOtherProcesses();
+    if (!wait || WaitForWork()) ReceiveFromOtherProcesses();
     LoopClock::time_point now = LoopClock::now();
     std::uint64_t armed_before;
     bool outermost;
@@ -239,12 +242,13 @@ void EventLoop::Pass(bool wait) {
     }
 }
 
-void EventLoop::WaitForWork() {
+// Reports whether the socket has something; without a wait it is simply tried.
+bool EventLoop::WaitForWork() {
     timespec timeout{};
     const timespec* limit = nullptr;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (!events_.empty() || stop_.load()) return;
+        if (!events_.empty() || stop_.load()) return true;
         if (!timers_.empty()) {
             auto earliest = std::min_element(
                 timers_.begin(), timers_.end(),
@@ -253,16 +257,21 @@ void EventLoop::WaitForWork() {
             limit = &timeout;
         }
     }
-    epoll_event ready[4];
+    epoll_event ready[2];
     // A signal (EINTR) ends the wait too: the pass after it finds nothing, and the loop waits
     // again unless the signal asked it to stop.
-    ::epoll_pwait2(epoll_fd_, ready, 4, limit, nullptr);
-    std::uint64_t count;
-    int fd = wake_fd_.load();
-    if (fd >= 0) {
-        ssize_t n = ::read(fd, &count, sizeof count);
+    int count = ::epoll_pwait2(epoll_fd_, ready, 2, limit, nullptr);
+    bool datagrams = false;
+    for (int i = 0; i < count; ++i) {
+        if (ready[i].data.fd == socket_fd_) {
+            datagrams = true;
+            continue;
+        }
+        std::uint64_t wakeups;
+        ssize_t n = ::read(ready[i].data.fd, &wakeups, sizeof wakeups);
         (void)n;
     }
+    return datagrams;
 }
 
 void EventLoop::ReceiveFromOtherProcesses() {

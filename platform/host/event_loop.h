@@ -2,6 +2,7 @@
 // from other processes, and the loop's timers, delivered on the loop's thread.
 #pragma once
 
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/types.h>
 #include <sys/un.h>
@@ -89,7 +90,7 @@ private:
     bool Claim();
     void Release();
     void Pass(bool wait);
-    void WaitForWork();
+    bool WaitForWork();
     void Wake();
     void ReceiveFromOtherProcesses();
     void FireDueTimers(LoopClock::time_point now, std::uint64_t armed_before, bool weak_too);
@@ -109,6 +110,7 @@ private:
     int socket_fd_ = -1;
     std::atomic<int> wake_fd_{-1};
     std::atomic<bool> stop_{false};
+    std::atomic<pthread_t> running_thread_{pthread_t()};  // the thread inside Run, if any
     std::atomic<mg_event_handler> handler_{nullptr};
 };
 
