@@ -237,9 +237,8 @@ typedef void (*mg_timer_proc_ex)(void* context);
 typedef int (*mg_usleep_func)(unsigned int microseconds);
 
 /* Every application process has one event loop. It runs on one thread, the loop's thread: the
- * thread that runs it (the application's main thread). Events and timers are delivered there
- * only, and never while a handler of the same loop is running unless that handler runs the loop
- * itself (ProcessEventLoop). */
+ * thread that runs it (the application's main thread). Queued events and timers are delivered
+ * there only, between handlers, or inside one that runs the loop itself (ProcessEventLoop). */
 
 /* The process's event handler, NULL before the application installed one. */
 mg_event_handler GetEventHandler(void);
