@@ -1,8 +1,10 @@
 // The host's event loop. One per process, built on first use: an epoll set with an eventfd
 // (wake-ups from other threads and from signal handlers) and a datagram socket (events from
-// other processes). Timers are a list kept here; the wait before a pass ends at the earliest
-// due time, to the nanosecond (epoll_pwait2), so timers are as punctual as the kernel lets a
-// thread wake.
+// other processes). Timers are a list kept here.
+//
+// The wait itself has no time limit: a timerfd set to the earliest due time (absolute, on the
+// monotonic clock) ends it, because a timerfd fires without the timer slack that the kernel
+// adds to the time-outs of epoll_wait and its kind.
 //
 // The socket is a Unix datagram socket in the abstract name space, named after the process id:
 // datagrams keep each event whole and in order per sender, a sender needs no connection nor any
@@ -14,6 +16,7 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -78,7 +81,7 @@ void EventLoop::ChildAfterFork() {
 }
 
 void EventLoop::CloseDescriptors() {
-    for (int* fd : {&epoll_fd_, &socket_fd_}) {
+    for (int* fd : {&epoll_fd_, &socket_fd_, &timer_fd_}) {
         if (*fd >= 0) ::close(*fd);
         *fd = -1;
     }
@@ -94,6 +97,7 @@ void EventLoop::Open() {
     epoll_fd_ = ::epoll_create1(EPOLL_CLOEXEC);
     int wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     wake_fd_ = wake;
+    timer_fd_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
     socket_fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     sockaddr_un address;
     socklen_t length = LoopSocketAddress(::getpid(), &address);
@@ -102,7 +106,7 @@ void EventLoop::Open() {
         ::close(socket_fd_);
         socket_fd_ = -1;
     }
-    for (int fd : {wake, socket_fd_}) {
+    for (int fd : {wake, socket_fd_, timer_fd_}) {
         if (fd < 0 || epoll_fd_ < 0) continue;
         epoll_event ev{};
         ev.events = EPOLLIN;
@@ -140,7 +144,12 @@ void EventLoop::Post(const LoopEvent& event) {
     Wake();
 }
 
+// Not needed from the thread that would wait: it looks at the queue and the timers before.
 void EventLoop::Wake() {
+    if (!pthread_equal(running_thread_.load(), pthread_self())) WakeAlways();
+}
+
+void EventLoop::WakeAlways() {
     int fd = wake_fd_.load();
     if (fd < 0) return;
     std::uint64_t one = 1;
@@ -181,10 +190,11 @@ bool EventLoop::IsArmed(mg_timer_proc_ex proc, void* context) {
     });
 }
 
+// Always wakes: from a signal handler on the loop's own thread, the stop may come between the
+// loop's last look at `stop_` and its wait.
 void EventLoop::RequestStop() {
     stop_ = true;
-    // From the running loop's own thread (a handler) there is nothing to wake.
-    if (!pthread_equal(running_thread_.load(), pthread_self())) Wake();
+    WakeAlways();
 }
 
 bool EventLoop::Claim() {
@@ -244,8 +254,7 @@ void EventLoop::Pass(bool wait) {
 
 // Reports whether the socket has something; without a wait it is simply tried.
 bool EventLoop::WaitForWork() {
-    timespec timeout{};
-    const timespec* limit = nullptr;
+    itimerspec deadline{};  // all zero: disarmed
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (!events_.empty() || stop_.load()) return true;
@@ -253,22 +262,26 @@ bool EventLoop::WaitForWork() {
             auto earliest = std::min_element(
                 timers_.begin(), timers_.end(),
                 [](const LoopTimer& a, const LoopTimer& b) { return a.due < b.due; });
-            timeout = ToTimespec(earliest->due - LoopClock::now());
-            limit = &timeout;
+            deadline.it_value = ToTimespec(earliest->due.time_since_epoch());
+            // Zero would disarm: a timer already due is due at the clock's first instant.
+            if (deadline.it_value.tv_sec == 0 && deadline.it_value.tv_nsec == 0) {
+                deadline.it_value.tv_nsec = 1;
+            }
         }
     }
-    epoll_event ready[2];
+    ::timerfd_settime(timer_fd_, TFD_TIMER_ABSTIME, &deadline, nullptr);
+    epoll_event ready[3];
     // A signal (EINTR) ends the wait too: the pass after it finds nothing, and the loop waits
     // again unless the signal asked it to stop.
-    int count = ::epoll_pwait2(epoll_fd_, ready, 2, limit, nullptr);
+    int count = ::epoll_wait(epoll_fd_, ready, 3, -1);
     bool datagrams = false;
     for (int i = 0; i < count; ++i) {
         if (ready[i].data.fd == socket_fd_) {
             datagrams = true;
             continue;
         }
-        std::uint64_t wakeups;
-        ssize_t n = ::read(ready[i].data.fd, &wakeups, sizeof wakeups);
+        std::uint64_t expirations;  // of the eventfd or the timerfd
+        ssize_t n = ::read(ready[i].data.fd, &expirations, sizeof expirations);
         (void)n;
     }
     return datagrams;

@@ -92,6 +92,7 @@ private:
     void Pass(bool wait);
     bool WaitForWork();
     void Wake();
+    void WakeAlways();
     void ReceiveFromOtherProcesses();
     void FireDueTimers(LoopClock::time_point now, std::uint64_t armed_before, bool weak_too);
     bool TakeDueTimer(LoopClock::time_point now, std::uint64_t armed_before, bool weak_too,
@@ -108,6 +109,7 @@ private:
     bool opened_ = false;
     int epoll_fd_ = -1;
     int socket_fd_ = -1;
+    int timer_fd_ = -1;
     std::atomic<int> wake_fd_{-1};
     std::atomic<bool> stop_{false};
     std::atomic<pthread_t> running_thread_{pthread_t()};  // the thread inside Run, if any
