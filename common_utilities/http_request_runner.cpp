@@ -101,6 +101,15 @@ private:
     bool ok_ = true;
 };
 
+// Replaces the writer PrepareRequest set with one that appends the same bytes to the same vector
+// and reserves the announced length.
+bool CollectInto(CURL* curl, BodySink* sink) {
+    return Options(curl)
+        .Callback(CURLOPT_WRITEFUNCTION, CollectBody)
+        .Pointer(CURLOPT_WRITEDATA, sink)
+        .ok();
+}
+
 // The request's headers as a libcurl list; null when there are none or the list could not be
 // made (`*failed` tells which).
 curl_slist* HeaderList(const std::vector<std::string>& lines, bool* failed) {
@@ -318,10 +327,7 @@ int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* http_cod
     BodySink sink{curl, ResponseBody(response, body_reserve_limit_)};
     int err = PrepareRequest(request, curl, response, &info);
     if (!QV_CLEANUP_UNLESS_MODULE(kModule, 0 == err, "PrepareRequest failed with [%d]", err) &&
-        Options(curl).Callback(CURLOPT_WRITEFUNCTION, CollectBody)
-            .Pointer(CURLOPT_WRITEDATA, &sink)
-            .ok() &&
-        PerformAndReadStatus(curl, url, http_code) == 0 &&
+        CollectInto(curl, &sink) && PerformAndReadStatus(curl, url, http_code) == 0 &&
         !QV_CLEANUP_UNLESS_MODULE(kModule, sink.body.Append("", 1), "out of memory")) {
         if (response->size() < kLoggedResponseLimit) {
             HTTP_LOG(QV_LOG_INFO, "Request returns data [%s]", response->data());

@@ -120,7 +120,7 @@ public:
         return QV_OK;
     }
 
-    // Appends at the back and wakes one waiter.
+    // Appends at the back and wakes one waiter, unless every waiter is already awake.
     int Push(T const& item) override {
         QV_RETURN_UNLESS(is_inited_, QV_NOT_IMPEMENTED);
         Locked lock(mutex_);
@@ -129,7 +129,7 @@ public:
         return QV_OK;
     }
 
-    // Inserts at the front, ahead of everything that waits, and wakes one waiter.
+    // Inserts at the front, ahead of everything that waits, and wakes one waiter as Push does.
     int PushFront(T const& item) override {
         QV_RETURN_UNLESS(is_inited_, QV_NOT_IMPEMENTED);
         Locked lock(mutex_);
@@ -206,8 +206,8 @@ private:
     // with nobody waiting, or with every waiter already woken but not yet running, then costs no
     // system call; the items it adds are taken by the woken waiters as they loop or by the next
     // Wait. The signal stays under the mutex: a consumer that takes the item may destroy the
-    // queue (a worker taking its stop marker does), and only the mutex keeps it from doing so
-    // while the producer still touches the condition variable.
+    // queue at once, and only the mutex keeps it from doing so while the producer still touches
+    // the condition variable.
     void WakeOneWaiter() {
         if (waiting_ <= woken_) return;
         ++woken_;

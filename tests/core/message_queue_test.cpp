@@ -243,8 +243,8 @@ TEST(MessageQueue, EveryWaiterWakesForABurstEvenWhileOthersTimeOut) {
         if (shared->served < kConsumers) {
             for (auto& consumer : consumers)
                 consumer.detach();
-            FAIL() << kConsumers - shared->served << " consumer(s) slept with items queued, in round "
-                   << round;
+            FAIL() << kConsumers - shared->served
+                   << " consumer(s) slept with items queued, in round " << round;
         }
         for (auto& consumer : consumers)
             consumer.join();

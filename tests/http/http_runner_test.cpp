@@ -228,8 +228,8 @@ TEST_F(HttpRunner, WholeBodiesArriveIntactAndAnnouncedLengthsAreNotTrusted) {
     HttpRequestRunner runner;
     long code = kUntouched;
     std::vector<char> data{'>', '>'};
-    ASSERT_EQ(runner.PerformRequest(HttpRequest("GET", server_.Url("/bytes/3000000")), &code, &data),
-              0);
+    ASSERT_EQ(
+        runner.PerformRequest(HttpRequest("GET", server_.Url("/bytes/3000000")), &code, &data), 0);
     ASSERT_EQ(data.size(), 3000003u);
     EXPECT_EQ(data.capacity(), data.size()) << "reserved once, terminator included";
     EXPECT_EQ(std::string(data.data(), 2), ">>");
@@ -243,7 +243,8 @@ TEST_F(HttpRunner, WholeBodiesArriveIntactAndAnnouncedLengthsAreNotTrusted) {
         EXPECT_TRUE(PatternHolds(reply.body())) << path;
     }
 
-    for (const char* lie : {"/dl/file/3/50000000?drop=100000", "/dl/file/3/1099511627776?drop=100000"}) {
+    for (const char* lie :
+         {"/dl/file/3/50000000?drop=100000", "/dl/file/3/1099511627776?drop=100000"}) {
         Reply reply = Perform(runner, HttpRequest("GET", server_.Url(lie)));
         EXPECT_EQ(reply.rc, -1) << lie;
         EXPECT_EQ(reply.code, kUntouched) << lie;
