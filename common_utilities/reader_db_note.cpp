@@ -46,10 +46,15 @@ Json::Value ParseWithoutLastCharacter(const std::string& value) {
     return root;
 }
 
+// The styled form of toStyledString (tab indents, " : ", a final line break), but with letters
+// beyond ASCII written as they are: escaped as \uXXXX, as the styled writer of this JSON library
+// does, they could never be found by a text search typed by a user.
 std::string StyledTextObject(const std::string& text) {
     Json::Value object(Json::objectValue);
     object["text"] = text;
-    return object.toStyledString();
+    Json::StreamWriterBuilder builder;
+    builder["emitUTF8"] = true;
+    return Json::writeString(builder, object) + '\n';
 }
 
 }  // namespace

@@ -126,6 +126,13 @@ std::string Position(int page, int offset) {
     return "pbr:/page?page=" + std::to_string(page) + "&offs=" + std::to_string(offset);
 }
 
+// The styled form (tab indents, " : ", a final line break), letters beyond ASCII as they are.
+std::string StyledObject(const Json::Value& object) {
+    Json::StreamWriterBuilder builder;
+    builder["emitUTF8"] = true;
+    return Json::writeString(builder, object) + '\n';
+}
+
 struct Statements {
     Stmt book_item;
     Stmt book;
@@ -168,7 +175,7 @@ void AddNote(sqlite3* db, Statements& st, Random& random, long long book_oid,
     quotation["end"] = Position(page, offset + 40);
     quotation["text"] = Sentence(random, 3 + random.Below(8));
     tag(101, StyledJson("anchor", Position(page, offset)));
-    tag(104, quotation.toStyledString());
+    tag(104, StyledObject(quotation));
     if (kind == 9) {
         tag(102, std::string("draws"));
         tag(110, "stroke 12,40 80,44 130,52;width 3");
@@ -192,7 +199,7 @@ void CreateBooksDatabase(const std::string& path) {
 std::string StyledJson(const std::string& key, const std::string& value) {
     Json::Value object(Json::objectValue);
     object[key] = value;
-    return object.toStyledString();
+    return StyledObject(object);
 }
 
 std::string SampleBookHash(uint32_t seed, int index) {
