@@ -91,10 +91,22 @@ private:
     uint32_t state_;
 };
 
-std::string Hex(uint32_t a, uint32_t b, size_t digits) {
+// 32 hexadecimal digits that look random and are the same for the same key.
+std::string Hex(uint64_t key) {
+    auto mix = [](uint64_t x) {
+        x += 0x9E3779B97F4A7C15ull;
+        x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
+        x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
+        return x ^ (x >> 31);
+    };
     char text[40];
-    std::snprintf(text, sizeof text, "%08X%08X%08X%08X", a, b, a ^ 0x5bd1e995u, b * 31u + a);
-    return std::string(text, digits);
+    std::snprintf(text, sizeof text, "%016llX%016llX", static_cast<unsigned long long>(mix(key)),
+                  static_cast<unsigned long long>(mix(~key)));
+    return text;
+}
+
+uint64_t Key(uint32_t seed, int index, uint64_t kind) {
+    return (kind << 62) ^ (static_cast<uint64_t>(seed) << 32) ^ static_cast<uint32_t>(index);
 }
 
 const char* const kTitles[] = {
@@ -203,11 +215,11 @@ std::string StyledJson(const std::string& key, const std::string& value) {
 }
 
 std::string SampleBookHash(uint32_t seed, int index) {
-    return Hex(seed, static_cast<uint32_t>(index) * 7919u + 17u, 32);
+    return Hex(Key(seed, index, 1));
 }
 
 std::string SampleNoteHash(uint32_t seed, int index) {
-    const std::string hex = Hex(seed ^ 0xa5a5a5a5u, static_cast<uint32_t>(index) + 1u, 32);
+    const std::string hex = Hex(Key(seed, index, 2));
     return hex.substr(0, 8) + "-" + hex.substr(8, 4) + "-" + hex.substr(12, 4) + "-" +
            hex.substr(16, 4) + "-" + hex.substr(20, 12);
 }
