@@ -238,8 +238,9 @@ int RunAdd(Args& args) {
     std::optional<std::string> anchor = args.Option("--anchor");
     const std::string book = args.Next("BOOK-HASH");
     args.Done();
-    if (!text && !comment && !anchor && type.empty())
-        throw Failure(kUsage, "nothing to store: give --text, --comment, --anchor or --type");
+    if (!text && !comment && !anchor && !color && type.empty())
+        throw Failure(kUsage,
+                      "nothing to store: give --text, --comment, --anchor, --color or --type");
     BookOrFail(book);
     const bool known = !hash.empty() && ItemIdOrFail(hash) != -1;
     if (hash.empty()) {
