@@ -14,8 +14,8 @@
 #include <cstdlib>
 #include <functional>
 #include <set>
-#include <utility>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common_utilities/reader_db_manager.h"
@@ -49,7 +49,8 @@ const char* const kItemId = "SELECT OID from Items WHERE HashUUID = ?";
 const char* const kNote =
     "SELECT t.ItemID, t.TagID, t.Val, t.TimeEdt, i.TimeAlt, i.ParentID, i.State  FROM Tags t "
     "INNER JOIN Items i ON t.ItemID = i.OID  WHERE i.HashUUID = ?";
-const char* const kBookNotes = "SELECT HashUUID, TimeAlt From Items WHERE ParentID = ? AND State != 2";
+const char* const kBookNotes =
+    "SELECT HashUUID, TimeAlt From Items WHERE ParentID = ? AND State != 2";
 const char* const kBookNotesByText =
     "SELECT items.HashUUID, items.TimeAlt  FROM Items items  INNER JOIN Tags tags ON items.OID = "
     "tags.ItemID  WHERE items.ParentID = ? AND items.State != 2 AND (tags.TagID = 105 OR "
@@ -129,9 +130,8 @@ void RawRows(const char* sql, const std::function<void(sqlite3_stmt*)>& bind,
 }
 
 auto BindText(const std::string& text) {
-    return [text](sqlite3_stmt* st) {
-        sqlite3_bind_text(st, 1, text.c_str(), -1, SQLITE_TRANSIENT);
-    };
+    return
+        [text](sqlite3_stmt* st) { sqlite3_bind_text(st, 1, text.c_str(), -1, SQLITE_TRANSIENT); };
 }
 
 auto BindInt(long long value) {
@@ -263,7 +263,8 @@ using Body = std::function<void()>;
 void SideBySide(std::vector<qvbench::Ratio>& ratios, const std::string& query, Body library,
                 Body raw) {
     for (auto& [side, body] : {std::pair<const char*, Body>{"/library", library}, {"/raw", raw}}) {
-        benchmark::RegisterBenchmark((query + side).c_str(), [body = body](benchmark::State& state) {
+        benchmark::RegisterBenchmark((query + side).c_str(), [body =
+                                                                  body](benchmark::State& state) {
             Raw();
             for (auto _ : state)
                 body();
@@ -309,7 +310,8 @@ void RegisterQueries(std::vector<qvbench::Ratio>& ratios) {
                  10, "raw filtered");
         });
     SideBySide(
-        ratios, "getChangedNotes", [] { Keep(Library().getChangedNotes(kSince), 10000, "changed"); },
+        ratios, "getChangedNotes",
+        [] { Keep(Library().getChangedNotes(kSince), 10000, "changed"); },
         [] {
             std::vector<std::string> hashes;
             RawRows(kChanged, BindInt(kSince),

@@ -50,7 +50,9 @@ int ReaderDbManager::setNote(const Note& note) {
         id = getItemId(note_hash);
         if (id == -1) {
             const std::string book_hash = note.getTag(Note::BookHash);
-            if (book_hash.empty()) return -1;
+            // A note without a hash of its own could never be told from the next one without:
+            // they would all land on one row, each overwriting the last one's values.
+            if (book_hash.empty() || note_hash.empty()) return -1;
             const long long book_id = getItemId(book_hash);
             QV_RETURN_IF(-1 == book_id, -1, "No book to add note to");
             auto st = db_.prepare_v2(
@@ -111,8 +113,8 @@ int ReaderDbManager::addBook(const std::string& hash, const std::string& title,
             QV_LOG_INFO("Book with hash %s is already present", hash.c_str());
             return -1;
         }
-        auto st =
-            db_.prepare_v2("INSERT INTO Items (TypeID, State, TimeAlt, HashUUID) VALUES ( 0, 0, ?, ?)");
+        auto st = db_.prepare_v2(
+            "INSERT INTO Items (TypeID, State, TimeAlt, HashUUID) VALUES ( 0, 0, ?, ?)");
         StepOrThrow(st->bind_all(when, hash), db_);
         oid = db_.LastInsertedRow();
     } catch (const SqliteError& e) {
@@ -120,7 +122,8 @@ int ReaderDbManager::addBook(const std::string& hash, const std::string& title,
         return -1;
     }
     try {
-        auto st = db_.prepare_v2("INSERT INTO Books (OID, Title, Authors, TimeAdd) VALUES ( ?, ?, ?, ?)");
+        auto st =
+            db_.prepare_v2("INSERT INTO Books (OID, Title, Authors, TimeAdd) VALUES ( ?, ?, ?, ?)");
         StepOrThrow(st->bind_all(oid, title, authors, when), db_);
     } catch (const SqliteError& e) {
         QV_LOG_ERROR("Failed to insert book with %s", e.message().c_str());

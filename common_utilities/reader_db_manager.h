@@ -97,7 +97,7 @@ public:
     time_t time = 0;       // the item's last change (TimeAlt), seconds since the epoch
     bool removed = false;  // the item is marked deleted
     std::map<Tags, std::pair<std::string, time_t>> tags;  // value and time of change, by tag
-    long long id = 0;                                      // the row id, 0 until read
+    long long id = 0;                                     // the row id, 0 until read
 };
 
 struct QV_EXPORT Book {
@@ -123,9 +123,10 @@ public:
     // ---- Writing ------------------------------------------------------------------------------
     // 0 or -1; a failure is logged. No transaction: a failure part way leaves the steps before.
 
-    // Adds the note (its book must be there already) or, when its hash is known, changes its
-    // time and adds or replaces the values it carries. A deleted note stays deleted. A value
-    // that can't be written is logged and skipped without failing the note.
+    // Adds the note or, when its hash is known, changes its time and adds or replaces the values
+    // it carries. A new note needs a hash of its own and the hash of a book that is there. A
+    // deleted note stays deleted. A value that can't be written is logged and skipped without
+    // failing the note.
     int setNote(const Note& note);
     // Marks the note deleted; an unknown hash is no failure.
     int removeNote(const std::string& hash);

@@ -75,9 +75,8 @@ Note ReaderDbManager::getNote(const std::string& hash) {
                 note.id = st->column_int64(0);
             }
             const auto tag = static_cast<Note::Tags>(st->column_int(1));
-            const std::string value = Note::getTagType(tag) == Note::BinaryData
-                                          ? st->column_binary(2)
-                                          : Text(*st, 2);
+            const std::string value =
+                Note::getTagType(tag) == Note::BinaryData ? st->column_binary(2) : Text(*st, 2);
             note.setTag(tag, value, static_cast<time_t>(st->column_int64(3)));
         }
     } catch (const SqliteError& e) {
@@ -91,8 +90,8 @@ ReaderDbManager::NoteTimes ReaderDbManager::getBookNotes(const std::string& book
     try {
         const long long book_id = getItemId(book_hash);
         if (book_id == -1) return notes;
-        auto st = db_.prepare_v2(
-            "SELECT HashUUID, TimeAlt From Items WHERE ParentID = ? AND State != 2");
+        auto st =
+            db_.prepare_v2("SELECT HashUUID, TimeAlt From Items WHERE ParentID = ? AND State != 2");
         ReadNoteTimes(st->bind_all(book_id), notes);
     } catch (const SqliteError& e) {
         QV_LOG_ERROR("Failed to getChangedNotes with %s", e.message().c_str());
@@ -100,8 +99,8 @@ ReaderDbManager::NoteTimes ReaderDbManager::getBookNotes(const std::string& book
     return notes;
 }
 
-ReaderDbManager::NoteTimes ReaderDbManager::getBookNotesFilteredByText(
-    const std::string& book_hash, const std::string& text) {
+ReaderDbManager::NoteTimes ReaderDbManager::getBookNotesFilteredByText(const std::string& book_hash,
+                                                                       const std::string& text) {
     NoteTimes notes;
     try {
         const long long book_id = getItemId(book_hash);

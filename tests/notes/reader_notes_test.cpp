@@ -92,8 +92,9 @@ TEST_F(ReaderNotes, NotesAreAddedChangedAndDeletedByTheirHash) {
     EXPECT_EQ("{\n\t\"text\" : \"Schnee fällt\"\n}\n",
               QueryOne(kDb, "SELECT Val FROM Tags WHERE TagID = 104"));
     EXPECT_EQ("blob", QueryOne(kDb, "SELECT typeof(Val) FROM Tags WHERE TagID = 109"));
-    EXPECT_EQ("4|0|2000", QueryOne(kDb, "SELECT TypeID || '|' || State || '|' || TimeAlt FROM "
-                                        "Items WHERE HashUUID = 'N1'"));
+    EXPECT_EQ("4|0|2000", QueryOne(kDb,
+                                   "SELECT TypeID || '|' || State || '|' || TimeAlt FROM "
+                                   "Items WHERE HashUUID = 'N1'"));
 
     Note read = notes.getNote("N1");
     EXPECT_EQ(notes.getItemId("N1"), read.getId());
@@ -136,6 +137,7 @@ TEST_F(ReaderNotes, NotesWithoutABookAndBooksTwiceAreRefused) {
     AddBook("BOOK1", "Snow");
     LogCapture log;
     EXPECT_EQ(-1, notes.setNote(MakeNote("", "N1", 10)));
+    EXPECT_EQ(-1, notes.setNote(MakeNote("BOOK1", "", 10)));
     EXPECT_THAT(log.Messages(1), IsEmpty());
     EXPECT_EQ(-1, notes.setNote(MakeNote("NO-SUCH-BOOK", "N1", 10)));
     EXPECT_TRUE(log.Has(1, PidLine("Condition: \"-1 == book_id\", return(\"-1\")]No book to add "
@@ -167,10 +169,11 @@ TEST_F(ReaderNotes, AWriteThatFailsIsReportedAndNeverLandsOnAnotherItem) {
 
 TEST_F(ReaderNotes, JsonBodiesAreReadByMemberAndDamagedOnesGiveNothing) {
     Note note;
-    note.setTag(Note::Quotation,
-                "{\n\t\"text\" : \"x\",\n\t\"begin\" : -42,\n\t\"end\" : 18446744073709551615,"
-                "\n\t\"flag\" : true,\n\t\"ratio\" : 0.25,\n\t\"list\" : [1],\n\t\"none\" : null\n}\n",
-                1);
+    note.setTag(
+        Note::Quotation,
+        "{\n\t\"text\" : \"x\",\n\t\"begin\" : -42,\n\t\"end\" : 18446744073709551615,"
+        "\n\t\"flag\" : true,\n\t\"ratio\" : 0.25,\n\t\"list\" : [1],\n\t\"none\" : null\n}\n",
+        1);
     EXPECT_EQ("x", note.getText());
     EXPECT_EQ("-42", note.getStartUri());
     EXPECT_EQ("18446744073709551615", note.getEndUri());
@@ -185,9 +188,10 @@ TEST_F(ReaderNotes, JsonBodiesAreReadByMemberAndDamagedOnesGiveNothing) {
     AddBook("BOOK1", "Snow");
     for (const char* hash : {"G", "A", "S", "C"})
         AddNote("BOOK1", hash, "placeholder");
-    Exec(kDb, "UPDATE Tags SET Val = CASE (SELECT HashUUID FROM Items WHERE OID = ItemID) "
-              "WHEN 'G' THEN 'not json at all' WHEN 'A' THEN '[\"text\", 1]' "
-              "WHEN 'S' THEN '\"text\"' ELSE '{\"text\":\"compact\"}' END WHERE TagID = 104");
+    Exec(kDb,
+         "UPDATE Tags SET Val = CASE (SELECT HashUUID FROM Items WHERE OID = ItemID) "
+         "WHEN 'G' THEN 'not json at all' WHEN 'A' THEN '[\"text\", 1]' "
+         "WHEN 'S' THEN '\"text\"' ELSE '{\"text\":\"compact\"}' END WHERE TagID = 104");
     for (const char* hash : {"G", "A", "S"})
         EXPECT_EQ("", notes.getNote(hash).getText()) << hash;
     EXPECT_EQ("compact", notes.getNote("C").getText());
@@ -273,8 +277,7 @@ TEST_F(ReaderNotes, TextSearchesLookIntoQuotationsAndComments) {
     // "%" and "_" are wildcards; an apostrophe is just a letter; a quote is found as stored.
     EXPECT_THAT(Hashes(notes.getBookNotesFilteredByText("B1", "100%cotton")),
                 ElementsAre("PERCENT"));
-    EXPECT_THAT(Hashes(notes.getBookNotesFilteredByText("B1", "it_s the")),
-                ElementsAre("PERCENT"));
+    EXPECT_THAT(Hashes(notes.getBookNotesFilteredByText("B1", "it_s the")), ElementsAre("PERCENT"));
     EXPECT_THAT(Hashes(notes.getBookNotesFilteredByText("B1", "it's")), ElementsAre("PERCENT"));
     EXPECT_THAT(Hashes(notes.getBookNotesFilteredByText("B1", "\\\"stop\\\"")),
                 ElementsAre("QUOTES"));
@@ -287,8 +290,9 @@ TEST_F(ReaderNotes, TextSearchesLookIntoQuotationsAndComments) {
     EXPECT_THAT(Counts(notes.getBooksWithNotesCountFilteredByText("ёлка")), IsEmpty());
 
     // The compact-form question mark search ignores its argument.
-    Exec(kDb, "UPDATE Tags SET Val = '{\"text\":\"why?\"}' WHERE TagID = 104 AND ItemID = "
-              "(SELECT OID FROM Items WHERE HashUUID = 'QUOTE')");
+    Exec(kDb,
+         "UPDATE Tags SET Val = '{\"text\":\"why?\"}' WHERE TagID = 104 AND ItemID = "
+         "(SELECT OID FROM Items WHERE HashUUID = 'QUOTE')");
     EXPECT_THAT(notes.findNotesByText("anything"), ElementsAre("{\"text\":\"why?\"}"));
     EXPECT_EQ(notes.findNotesByText(""), notes.findNotesByText("river"));
 }

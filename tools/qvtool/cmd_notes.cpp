@@ -47,8 +47,8 @@ time_t ParseTime(const std::string& text, const std::string& what) {
         return static_cast<time_t>(ParseInteger(text, what));
     std::tm tm{};
     int consumed = 0;
-    const int fields = std::sscanf(text.c_str(), "%4d-%2d-%2d%n", &tm.tm_year, &tm.tm_mon,
-                                   &tm.tm_mday, &consumed);
+    const int fields =
+        std::sscanf(text.c_str(), "%4d-%2d-%2d%n", &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &consumed);
     if (fields != 3) throw Failure(kUsage, "bad " + what + ": " + text);
     std::string rest = text.substr(static_cast<size_t>(consumed));
     if (!rest.empty()) {
@@ -188,7 +188,8 @@ int RunShow(Args& args) {
         const char* kind = type == Note::JsonText     ? "json"
                            : type == Note::BinaryData ? "binary"
                                                       : "text";
-        table.AddRow({std::to_string(static_cast<int>(tag)), kind, FormatTime(value.second), shown});
+        table.AddRow(
+            {std::to_string(static_cast<int>(tag)), kind, FormatTime(value.second), shown});
     }
     table.Print(std::cout);
     return kOk;
@@ -254,7 +255,10 @@ int RunAdd(Args& args) {
     // don't. A change keeps the kind unless told otherwise.
     if (!type.empty() || !known)
         note.setTag(Note::Type,
-                    !type.empty() ? type : comment ? "note" : text ? "highlight" : "bookmark",
+                    !type.empty() ? type
+                    : comment     ? "note"
+                    : text        ? "highlight"
+                                  : "bookmark",
                     note.time);
     if (text) note.setText(*text, note.time);
     if (comment) note.setNote(*comment, note.time);
@@ -280,8 +284,10 @@ int RunAddBook(Args& args) {
     const std::string hash = args.Next("FAST-HASH");
     const std::string title = args.Next("TITLE");
     args.Done();
-    if (ItemIdOrFail(hash) != -1) throw Failure(kFailed, "an item with the hash " + hash + " exists");
-    if (Notes().addBook(hash, title, authors, time ? ParseTime(*time, "--time") : std::time(nullptr)) != 0)
+    if (ItemIdOrFail(hash) != -1)
+        throw Failure(kFailed, "an item with the hash " + hash + " exists");
+    if (Notes().addBook(hash, title, authors,
+                        time ? ParseTime(*time, "--time") : std::time(nullptr)) != 0)
         throw Failure(kFailed, "could not add the book (see -v)");
     std::cout << "added book " << hash << '\n';
     return kOk;
@@ -350,8 +356,7 @@ const bool registered = [] {
                   kTimeHelp,
               RunAddBook});
     Register({"notes touch", "set the time of change of a book or note",
-              std::string("usage: qvtool notes touch HASH [--time TIME]\n") + kTimeHelp,
-              RunTouch});
+              std::string("usage: qvtool notes touch HASH [--time TIME]\n") + kTimeHelp, RunTouch});
     return true;
 }();
 

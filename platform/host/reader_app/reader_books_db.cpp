@@ -115,13 +115,13 @@ const char* const kTitles[] = {
     "Straße der Lieder",     "Harbour Lights",   "The Quartz Garden", "Cedar and Ember",
 };
 const char* const kAuthors[] = {
-    "Ada Marlow",        "Иван Северин",   "Greta Holm", "Søren Dahl",
-    "Lucía Fernández",   "Mirela Cosma",   "Tom Reed",   "Анна Белова",
+    "Ada Marlow",      "Иван Северин", "Greta Holm", "Søren Dahl",
+    "Lucía Fernández", "Mirela Cosma", "Tom Reed",   "Анна Белова",
 };
 const char* const kWords[] = {
-    "river",  "lantern", "morning", "glass",  "Moon",  "harbour", "winter", "paper",
-    "Äpfel",  "Straße",  "ёлка",    "ВИШНЯ",  "salt",  "echo",    "dune",   "orchard",
-    "silver", "willow",  "quartz",  "night",  "ember", "cedar",   "100%",   "snake_case",
+    "river",  "lantern", "morning", "glass", "Moon",  "harbour", "winter", "paper",
+    "Äpfel",  "Straße",  "ёлка",    "ВИШНЯ", "salt",  "echo",    "dune",   "orchard",
+    "silver", "willow",  "quartz",  "night", "ember", "cedar",   "100%",   "snake_case",
 };
 const char* const kColors[] = {"yellow", "green", "blue", "red"};
 
@@ -168,8 +168,7 @@ void AddBook(sqlite3* db, Statements& st, const std::string& hash, int index, ti
 void AddNote(sqlite3* db, Statements& st, Random& random, long long book_oid,
              const std::string& hash, time_t time) {
     const bool deleted = random.Below(20) == 0;
-    Run(db, st.note_item.get(), book_oid, deleted ? 2LL : 0LL, static_cast<long long>(time),
-        hash);
+    Run(db, st.note_item.get(), book_oid, deleted ? 2LL : 0LL, static_cast<long long>(time), hash);
     const long long oid = sqlite3_last_insert_rowid(db);
     const long long when = static_cast<long long>(time);
     auto tag = [&](int id, const auto& value) { Run(db, st.tag.get(), oid, id, value, when); };
@@ -229,7 +228,8 @@ void AddSampleLibrary(const std::string& path, const SampleOptions& options,
     if (options.books < 1 && options.notes > 0) throw Error("notes need at least one book");
     Db db = Open(path, SQLITE_OPEN_READWRITE);
     Statements st{
-        Prepare(db.get(), "INSERT INTO Items (TypeID, State, HashUUID, TimeAlt) VALUES (0, 0, ?, ?)"),
+        Prepare(db.get(),
+                "INSERT INTO Items (TypeID, State, HashUUID, TimeAlt) VALUES (0, 0, ?, ?)"),
         Prepare(db.get(), "INSERT INTO Books (OID, Title, Authors, TimeAdd) VALUES (?, ?, ?, ?)"),
         Prepare(db.get(),
                 "INSERT INTO Items (ParentID, TypeID, State, TimeAlt, HashUUID) VALUES (?, 4, ?, "
