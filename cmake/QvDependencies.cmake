@@ -13,3 +13,6 @@ pkg_check_modules(HTTPLIB IMPORTED_TARGET cpp-httplib)
 
 # User agent: Boost's header-only uuid (random generator) for GenerateUUID.
 find_package(Boost 1.74 REQUIRED)
+
+# Reader notes: jsoncpp for the JSON bodies of notes.
+find_package(jsoncpp CONFIG REQUIRED)

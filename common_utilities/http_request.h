@@ -180,6 +180,13 @@ public:
     // From now on a redirect response is the result (the status is 3xx) rather than followed.
     void ForbidRedirect();
 
+    // The whole-body transfer reserves room for the length a response announces, so that a large
+    // body is not copied and faulted in again at every doubling of the vector. A length is a
+    // claim of the server: above this many bytes (kDefaultBodyReserveLimit unless set) it is not
+    // reserved, and the body grows as it arrives. A body is never refused for its size.
+    static constexpr size_t kDefaultBodyReserveLimit = 256u << 20;
+    void SetBodyReserveLimit(size_t bytes);
+
     // Applies the options of `request` to `curl`, body written to `response`. 0, or -1 when the
     // network is down or an option fails. On success `info->headers` holds the header list (or
     // null) and the caller frees it; on failure nothing is left to free.
@@ -189,7 +196,7 @@ public:
     // The whole body, appended to `response` behind what it holds, then a zero byte, so that the
     // size counts the terminator and the data reads as a C string. 0 for every HTTP status (read
     // `*http_code`), -1 on failure, when `*http_code` is not written and `response` keeps what
-    // arrived, with no terminator.
+    // arrived, with no terminator. A body that does not fit in memory is such a failure.
     int PerformRequest(const HttpRequest& request, long* http_code, std::vector<char>* response);
 
     // Streaming: `write` receives the response body as it arrives, `read` supplies the body of a
@@ -222,6 +229,7 @@ private:
     bool follow_redirects_ = true;
     bool keep_handle_ = false;
     CURL* curl_ = nullptr;
+    size_t body_reserve_limit_ = kDefaultBodyReserveLimit;
 };
 
 }  // namespace utilities

@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "common_utilities/http_request.h"
+#include "common_utilities/http_response_body.h"
 
 namespace quorvel {
 namespace utilities {
@@ -40,12 +41,31 @@ bool NetworkIsUp() {
     return false;
 }
 
-// The whole-body transfer's writer: appends to a std::vector<char>.
+// The writer of PrepareRequest: appends to a std::vector<char>.
 size_t AppendToVector(char* data, size_t size, size_t nmemb, void* user) {
     size_t count = size * nmemb;
-    auto* out = static_cast<std::vector<char>*>(user);
-    out->insert(out->end(), data, data + count);
-    return count;
+    return ResponseBody::AppendTo(static_cast<std::vector<char>*>(user), data, count) ? count : 0;
+}
+
+// The writer of the whole-body transfer, which also knows the handle: the body's announced length
+// is read when its first piece arrives, after any redirects.
+struct BodySink {
+    CURL* curl;
+    ResponseBody body;
+    bool announced = false;
+};
+
+size_t CollectBody(char* data, size_t size, size_t nmemb, void* user) {
+    auto* sink = static_cast<BodySink*>(user);
+    if (!sink->announced) {
+        sink->announced = true;
+        curl_off_t length = -1;
+        if (curl_easy_getinfo(sink->curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) != CURLE_OK)
+            length = -1;
+        sink->body.Announce(length);
+    }
+    size_t count = size * nmemb;
+    return sink->body.Append(data, count) ? count : 0;
 }
 
 // Applies options in order, stopping at the first that fails; that one is logged, and the
@@ -80,6 +100,15 @@ private:
     CURL* curl_;
     bool ok_ = true;
 };
+
+// Replaces the writer PrepareRequest set with one that appends the same bytes to the same vector
+// and reserves the announced length.
+bool CollectInto(CURL* curl, BodySink* sink) {
+    return Options(curl)
+        .Callback(CURLOPT_WRITEFUNCTION, CollectBody)
+        .Pointer(CURLOPT_WRITEDATA, sink)
+        .ok();
+}
 
 // The request's headers as a libcurl list; null when there are none or the list could not be
 // made (`*failed` tells which).
@@ -221,6 +250,10 @@ void HttpRequestRunner::ForbidRedirect() {
     follow_redirects_ = false;
 }
 
+void HttpRequestRunner::SetBodyReserveLimit(size_t bytes) {
+    body_reserve_limit_ = bytes;
+}
+
 CURL* HttpRequestRunner::AcquireHandle() {
     if (!keep_handle_) return curl_easy_init();
     if (curl_) {
@@ -291,15 +324,17 @@ int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* http_cod
     if (QV_CLEANUP_UNLESS_MODULE(kModule, curl, "")) return -1;
 
     int result = -1;
+    BodySink sink{curl, ResponseBody(response, body_reserve_limit_)};
     int err = PrepareRequest(request, curl, response, &info);
     if (!QV_CLEANUP_UNLESS_MODULE(kModule, 0 == err, "PrepareRequest failed with [%d]", err) &&
-        PerformAndReadStatus(curl, url, http_code) == 0) {
-        response->push_back('\0');
+        CollectInto(curl, &sink) && PerformAndReadStatus(curl, url, http_code) == 0 &&
+        !QV_CLEANUP_UNLESS_MODULE(kModule, sink.body.Append("", 1), "out of memory")) {
         if (response->size() < kLoggedResponseLimit) {
             HTTP_LOG(QV_LOG_INFO, "Request returns data [%s]", response->data());
         }
         result = 0;
     }
+    sink.body.Finish();
     ReleaseHandle(curl, request);
     curl_slist_free_all(info.headers);
     return result;

@@ -120,21 +120,21 @@ public:
         return QV_OK;
     }
 
-    // Appends at the back and wakes one waiter.
+    // Appends at the back and wakes one waiter, unless every waiter is already awake.
     int Push(T const& item) override {
         QV_RETURN_UNLESS(is_inited_, QV_NOT_IMPEMENTED);
         Locked lock(mutex_);
         queue_.push_back(item);
-        pthread_cond_signal(&cond_);
+        WakeOneWaiter();
         return QV_OK;
     }
 
-    // Inserts at the front, ahead of everything that waits, and wakes one waiter.
+    // Inserts at the front, ahead of everything that waits, and wakes one waiter as Push does.
     int PushFront(T const& item) override {
         QV_RETURN_UNLESS(is_inited_, QV_NOT_IMPEMENTED);
         Locked lock(mutex_);
         queue_.push_front(item);
-        pthread_cond_signal(&cond_);
+        WakeOneWaiter();
         return QV_OK;
     }
 
@@ -162,8 +162,13 @@ public:
         }
         Locked lock(mutex_);
         while (queue_.empty()) {
+            ++waiting_;
             int err = timeout_ms == 0 ? pthread_cond_wait(&cond_, &mutex_)
                                       : pthread_cond_timedwait(&cond_, &mutex_, &deadline);
+            --waiting_;
+            // Whatever ended the wait (a signal, a time-out, nothing at all), count one wake-up
+            // as used: too low a count costs a needless signal, too high a one a lost item.
+            if (woken_ > 0) --woken_;
             if (err == ETIMEDOUT) break;
             if (err != 0) {
                 QV_LOG_ERROR("pthread_cond_timedwait failed with [%d]", err);
@@ -197,6 +202,18 @@ public:
     }
 
 private:
+    // Signals only a waiter that no earlier push has signalled yet, with the mutex held. A push
+    // with nobody waiting, or with every waiter already woken but not yet running, then costs no
+    // system call; the items it adds are taken by the woken waiters as they loop or by the next
+    // Wait. The signal stays under the mutex: a consumer that takes the item may destroy the
+    // queue at once, and only the mutex keeps it from doing so while the producer still touches
+    // the condition variable.
+    void WakeOneWaiter() {
+        if (waiting_ <= woken_) return;
+        ++woken_;
+        pthread_cond_signal(&cond_);
+    }
+
     class Locked {
     public:
         explicit Locked(pthread_mutex_t& mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
@@ -212,6 +229,9 @@ private:
     pthread_mutex_t mutex_;
     pthread_cond_t cond_;
     bool is_inited_ = false;
+    // Under the mutex: threads blocked in Wait, and how many of them have been signalled.
+    int waiting_ = 0;
+    int woken_ = 0;
 };
 
 }  // namespace utilities

@@ -13,6 +13,10 @@ std::string KeyOf(const benchmark::BenchmarkReporter::Run& run) {
     return name.args.empty() ? name.function_name : name.function_name + "/" + name.args;
 }
 
+bool HasAim(double tolerance) {
+    return tolerance > kNoAim;
+}
+
 double Median(std::vector<double> values) {
     std::sort(values.begin(), values.end());
     size_t middle = values.size() / 2;
@@ -49,7 +53,7 @@ int PrintRatios(const RecordingReporter& reporter, const std::vector<Ratio>& rat
         double denominator = reporter.RealSeconds(ratio.denominator);
         std::string aim = AimText(ratio.tolerance);
         if (numerator < 0 || denominator <= 0) {
-            if (ratio.tolerance < 0) {
+            if (!HasAim(ratio.tolerance)) {
                 std::fprintf(out, "%s: not measured\n", ratio.label.c_str());
                 continue;
             }
@@ -58,7 +62,7 @@ int PrintRatios(const RecordingReporter& reporter, const std::vector<Ratio>& rat
             continue;
         }
         double value = numerator / denominator;
-        if (ratio.tolerance < 0) {
+        if (!HasAim(ratio.tolerance)) {
             std::fprintf(out, "%s: %.2fx (for scale, no aim)\n", ratio.label.c_str(), value);
             continue;
         }
@@ -72,7 +76,12 @@ int PrintRatios(const RecordingReporter& reporter, const std::vector<Ratio>& rat
 }
 
 std::string AimText(double tolerance) {
-    if (tolerance < 0) return "for scale, no aim";
+    if (!HasAim(tolerance)) return "for scale, no aim";
+    if (tolerance < 0) {
+        char factor[32];
+        std::snprintf(factor, sizeof factor, "%.3g", 1.0 / (1.0 + tolerance));
+        return std::string("aim: at least ") + factor + "x faster";
+    }
     int percent = static_cast<int>(tolerance * 100 + 0.5);
     if (percent == 0) return "aim: no slower";
     return "aim: within " + std::to_string(percent) + "%";

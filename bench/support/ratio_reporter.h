@@ -33,13 +33,20 @@ struct Ratio {
     std::string label;      // "wrapper/raw insert 100k"
     std::string numerator;  // benchmark names as RealSeconds takes them
     std::string denominator;
-    double tolerance;  // 0.05: the numerator may take at most 5% longer; kNoAim: for scale only
+    double tolerance;  // 0.05: the numerator may take at most 5% longer; kNoAim: for scale only;
+                       // AtLeastTimesFaster(2): at most half as long
 };
 
 // The tolerance of a ratio that is reported for scale, with no aim to meet.
 constexpr double kNoAim = -1.0;
 
-// "aim: within 5%", "aim: no slower" (tolerance 0), or "for scale, no aim" (kNoAim).
+// The tolerance of a ratio whose numerator must be `factor` times as fast as the yardstick.
+constexpr double AtLeastTimesFaster(double factor) {
+    return 1.0 / factor - 1.0;
+}
+
+// "aim: within 5%", "aim: no slower" (tolerance 0), "aim: at least 2x faster", or "for scale,
+// no aim" (kNoAim).
 std::string AimText(double tolerance);
 
 // One line per ratio, "wrapper/raw insert 100k: 1.03x (aim: within 5%)", marked when the aim is

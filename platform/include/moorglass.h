@@ -294,4 +294,86 @@ char* GetNetDNS(void);
 }
 #endif
 
+/* ------------------------------------------------------------------------------------------ */
+/* Events, timers and tasks                                                                    */
+/* ------------------------------------------------------------------------------------------ */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct ibitmap_s;
+
+/* An application's event handler: event `type` with its two parameters. The result is the
+ * handler's own; SendEvent hands it back when it calls the handler directly. */
+typedef int (*mg_event_handler)(int type, int par1, int par2);
+/* Timer callbacks: without and with the context given when the timer was armed. */
+typedef void (*mg_timer_proc)(void);
+typedef void (*mg_timer_proc_ex)(void* context);
+/* A replacement for usleep(3): sleeps `microseconds`, its result is the replacement's own. */
+typedef int (*mg_usleep_func)(unsigned int microseconds);
+
+/* Every application process has one event loop. It runs on one thread, the loop's thread: the
+ * thread that runs it (the application's main thread). Queued events and timers are delivered
+ * there only, between handlers, or inside one that runs the loop itself (ProcessEventLoop). */
+
+/* The process's event handler, NULL before the application installed one. */
+mg_event_handler GetEventHandler(void);
+/* Sends an event to `handler` of this process. On the loop's thread the handler is called at
+ * once and its result returned; from any other thread the event is queued, delivered on the
+ * loop's thread in the order sent, and the result is 0. -1 for a NULL handler. */
+int SendEvent(mg_event_handler handler, int type, int par1, int par2);
+/* Sends an event to the event handler of another application: `task` is its task id (see
+ * GetCurrentTask). Events from one sender arrive in the order sent. 0 when the event was handed
+ * to the task's loop, -1 when there is no such task or it has no loop (errno tells). */
+int SendEventTo(int task, int type, int par1, int par2);
+/* One pass of the loop, without waiting: due timers, then the events that wait. Called by code
+ * that keeps the application responsive while it waits for something (a nested loop). */
+void ProcessEventLoop(void);
+
+/* Timers of the loop fire once, on the loop's thread, `ms` milliseconds from the call (0: at
+ * the next pass); a callback that wants a period arms its timer again. Timers due together
+ * fire in the order of their due times. A hard timer fires on time even while the application
+ * runs the loop from inside a handler; a weak one waits until the loop is idle (no event waiting,
+ * no handler running), so it may fire late. */
+/* Arms the timer of `proc`; arming it again replaces the pending one. */
+void SetHardTimer(const char* name, mg_timer_proc proc, int ms);
+/* Arms the timer of (`proc`, `context`), replacing the pending one of the same pair or of the
+ * same non-empty `name`. */
+void SetHardTimerEx(const char* name, mg_timer_proc_ex proc, void* context, int ms);
+void SetWeakTimerEx(const char* name, mg_timer_proc_ex proc, void* context, int ms);
+/* Disarms the timer of (`proc`, `context`); nothing happens if it isn't armed. */
+void ClearTimerEx(mg_timer_proc_ex proc, void* context);
+/* 1 while the timer of (`proc`, `context`) is armed (not yet fired nor cleared), else 0. */
+int QueryTimerEx(mg_timer_proc_ex proc, void* context);
+
+/* Installs the function through which the platform's own calls sleep (NULL: plain usleep), so
+ * that an application can keep its own work going while the platform waits. */
+void set_usleep_func(mg_usleep_func func);
+
+/* Tasks are the running applications. A task id is positive; -1 means none. */
+/* Starts the program at `path` as a new task: `argv` is its argument list, program path first,
+ * NULL-terminated; `appname` is the name FindTaskByAppName knows it by, `name` the title the
+ * shell shows; `icon` may be NULL; `flags` are the shell's and don't change how it runs. The
+ * new task's id, or -1 when it could not start. */
+int NewTask(const char* path, char** argv, const char* appname, const char* name,
+            struct ibitmap_s* icon, unsigned int flags);
+/* The id of a running task known by `name`, which may be its application name or the path of
+ * its program; -1 when none runs. */
+int FindTaskByAppName(const char* name);
+/* The task id of the calling application. */
+int GetCurrentTask(void);
+/* Ends task `task`: asks it to end and waits for it; `subtask` -1 means the whole task; a
+ * non-zero `force` kills it if it doesn't end within a few seconds. 0 when it has ended, -1 when
+ * there is no such task or it still runs. */
+int CloseTask(int task, int subtask, int force);
+/* Opens the registered application at `path` with `argc` arguments (without the program path):
+ * starts it as a task, or, when it runs already, brings it forward and leaves it running. The
+ * task id, or -1. */
+int OpenBook2(const char* path, int argc, char** argv, int flags);
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif /* MOORGLASS_H */

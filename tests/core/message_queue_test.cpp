@@ -205,4 +205,51 @@ TEST(MessageQueue, ManyProducersAndConsumersLoseAndDuplicateNothing) {
     EXPECT_EQ(queue.IsEmpty(), 1);
 }
 
+// A push wakes only a waiter that no earlier push woke. Counting that wrong loses items in the
+// most ordinary way: a consumer sleeps while its item waits. Every consumer here takes exactly
+// one item of a burst as large as their number, so all of them must end; the timed ones keep
+// timing out around the pushes, the moment the count could go astray.
+TEST(MessageQueue, EveryWaiterWakesForABurstEvenWhileOthersTimeOut) {
+    constexpr int kRounds = 200;
+    constexpr int kBlocking = 3;
+    constexpr int kTimed = 2;
+    constexpr int kConsumers = kBlocking + kTimed;
+    // Shared with the consumers, so that a consumer that never wakes can be left behind.
+    struct Shared {
+        MessageQueue<int> queue;
+        std::atomic<int> served{0};
+    };
+    auto shared = std::make_shared<Shared>();
+    ASSERT_EQ(shared->queue.Init(), QV_OK);
+    for (int round = 0; round < kRounds; ++round) {
+        shared->served = 0;
+        std::vector<std::thread> consumers;
+        for (int c = 0; c < kConsumers; ++c) {
+            const long timeout_ms = c < kBlocking ? 0 : 1;
+            consumers.emplace_back([shared, timeout_ms] {
+                int item = 0;
+                while (shared->queue.Wait(timeout_ms, &item) != QV_OK) {
+                }
+                ++shared->served;
+            });
+        }
+        if (round % 2 == 1) std::this_thread::sleep_for(2ms);  // let them all fall asleep
+        for (int i = 0; i < kConsumers; ++i)
+            round % 3 == 0 ? shared->queue.PushFront(i) : shared->queue.Push(i);
+
+        const auto deadline = Clock::now() + 10s;
+        while (shared->served < kConsumers && Clock::now() < deadline)
+            std::this_thread::sleep_for(1ms);
+        if (shared->served < kConsumers) {
+            for (auto& consumer : consumers)
+                consumer.detach();
+            FAIL() << kConsumers - shared->served
+                   << " consumer(s) slept with items queued, in round " << round;
+        }
+        for (auto& consumer : consumers)
+            consumer.join();
+        EXPECT_EQ(shared->queue.IsEmpty(), 1);
+    }
+}
+
 }  // namespace

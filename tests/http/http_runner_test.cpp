@@ -220,6 +220,46 @@ TEST_F(HttpRunner, StatusesAreSuccessesAndTheBodyIsTerminated) {
     EXPECT_EQ(std::string(data.begin(), data.end()), std::string(">>abc\0", 6));
 }
 
+// A body with a length is reserved once, behind what the vector held and with room for the
+// terminator; a body without one grows as it comes, through the sizes that get large pages. A
+// length is only a claim: one that the body doesn't keep leaves no reservation behind, and one
+// beyond any memory is not even tried.
+TEST_F(HttpRunner, WholeBodiesArriveIntactAndAnnouncedLengthsAreNotTrusted) {
+    HttpRequestRunner runner;
+    long code = kUntouched;
+    std::vector<char> data{'>', '>'};
+    ASSERT_EQ(
+        runner.PerformRequest(HttpRequest("GET", server_.Url("/bytes/3000000")), &code, &data), 0);
+    ASSERT_EQ(data.size(), 3000003u);
+    EXPECT_EQ(data.capacity(), data.size()) << "reserved once, terminator included";
+    EXPECT_EQ(std::string(data.data(), 2), ">>");
+    EXPECT_TRUE(PatternHolds(std::string(data.data() + 2, 3000000)));
+    EXPECT_EQ(data.back(), '\0');
+
+    for (const char* path : {"/bytes/40000000?chunked=1", "/bytes/40000000"}) {
+        Reply reply = Perform(runner, HttpRequest("GET", server_.Url(path)));
+        EXPECT_EQ(reply.rc, 0) << path;
+        EXPECT_EQ(reply.data.size(), 40000001u) << path;
+        EXPECT_TRUE(PatternHolds(reply.body())) << path;
+    }
+
+    for (const char* lie :
+         {"/dl/file/3/50000000?drop=100000", "/dl/file/3/1099511627776?drop=100000"}) {
+        Reply reply = Perform(runner, HttpRequest("GET", server_.Url(lie)));
+        EXPECT_EQ(reply.rc, -1) << lie;
+        EXPECT_EQ(reply.code, kUntouched) << lie;
+        EXPECT_EQ(reply.data.size(), 100000u) << lie << ": what arrived stays, with no terminator";
+        EXPECT_LT(reply.data.capacity(), 1000000u) << lie;
+    }
+
+    // Under a lower limit the same body arrives the same, only without the reservation.
+    runner.SetBodyReserveLimit(1000);
+    Reply small = Perform(runner, HttpRequest("GET", server_.Url("/bytes/3000000")));
+    EXPECT_EQ(small.rc, 0);
+    EXPECT_EQ(small.data.size(), 3000001u);
+    EXPECT_NE(small.data.capacity(), small.data.size());
+}
+
 TEST_F(HttpRunner, LogsBodiesAndResponsesOnlyBelowTheirLimits) {
     LogCapture log;
     // The size that counts includes the terminator: 10238 bytes make 10239, logged.

@@ -116,4 +116,34 @@ int qvhost_net_connect_count(void);
 }
 #endif
 
+/* ---- Event loop and tasks (this process; libmoorglass.so) --------------------------------- */
+
+#include "moorglass.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* A host program is the application: it installs its handler and runs the loop on its main
+ * thread, as the device's shell does for a real application. */
+/* Installs the process's event handler (NULL removes it) and makes the calling thread the loop's
+ * thread. */
+void qvhost_set_event_handler(mg_event_handler handler);
+/* Installs `handler` and runs the loop on the calling thread, waiting for events and timers,
+ * until qvhost_stop_event_loop. 0, or -1 when another thread is running the loop. */
+int qvhost_run_event_loop(mg_event_handler handler);
+/* Makes qvhost_run_event_loop return after the pass under way (at once if it is waiting); a
+ * stop asked for while the loop isn't running ends its next run at once. Safe from any thread
+ * and from a signal handler. */
+void qvhost_stop_event_loop(void);
+/* Sleeps as the platform's own waiting calls do: through the function of set_usleep_func. */
+int qvhost_platform_usleep(unsigned int microseconds);
+/* Where the tasks of the device are recorded: one file per task, named by its id, holding its
+ * application name and program path on two lines (a static buffer). */
+const char* qvhost_tasks_dir(void);
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif /* MOORGLASS_HOST_H */

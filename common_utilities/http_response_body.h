@@ -1,0 +1,46 @@
+// How the request runner collects a whole response body in the caller's vector.
+//
+// Filling a large vector costs little in copies and much in page faults: every fresh page of a
+// buffer faults once, and a vector left to grow on its own passes through a buffer twice the size
+// of the last one at every doubling. So a body whose length the server announced is reserved
+// once, terminator included, and a body of unknown length grows in doublings the collector makes
+// itself. Either way a buffer of 32 MiB or more is advised to the kernel for large pages, which
+// fault once per 2 MiB instead of once per 4 KiB (a buffer that big always has a mapping of its
+// own, so the advice goes away with it).
+//
+// An announced length is a claim of the server. It is trusted only up to the runner's limit, and
+// a body that ends far short of its claim gives the unused reservation back.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+namespace quorvel {
+namespace utilities {
+
+class ResponseBody {
+public:
+    // Collects into `*out`, behind what it holds; announced lengths above `reserve_limit` bytes
+    // are not reserved.
+    ResponseBody(std::vector<char>* out, size_t reserve_limit);
+
+    // The length the response announced, negative when it announced none. Called once, before
+    // the first Append.
+    void Announce(long long length);
+    // False, with nothing appended, when memory runs out.
+    bool Append(const char* data, size_t count);
+    // After the transfer, whatever its end: gives back a reservation that the body left mostly
+    // unused.
+    void Finish();
+
+    // Appends to `*out`, growing it as above. False, with nothing appended, when memory runs out.
+    static bool AppendTo(std::vector<char>* out, const char* data, size_t count);
+
+private:
+    std::vector<char>* out_;
+    size_t reserve_limit_;
+    bool reserved_ = false;
+};
+
+}  // namespace utilities
+}  // namespace quorvel
