@@ -73,6 +73,12 @@ std::string Args::Next(const std::string& what) {
     return *word;
 }
 
+std::vector<std::string> Args::Rest() {
+    std::vector<std::string> rest;
+    rest.swap(words_);
+    return rest;
+}
+
 void Args::Done() const {
     if (words_.empty()) return;
     const std::string& word = words_.front();

@@ -46,6 +46,8 @@ public:
     // The next positional word; a usage error names `what` when there is none.
     std::string Next(const std::string& what);
     std::optional<std::string> NextOptional();
+    // Every word not read yet, options included, in order; the reading is then done.
+    std::vector<std::string> Rest();
     // Ends the reading: anything left over is a usage error.
     void Done() const;
 
