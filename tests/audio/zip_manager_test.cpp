@@ -34,24 +34,24 @@ void WriteFile(const std::string& path, const std::string& content) {
 // or "deflated".
 const char kMakeWithPython[] = R"(
 import sys, zipfile
-archive, specs = sys.argv[1], sys.argv[2:]
+archive, members = sys.argv[1], sys.argv[2:]
 with zipfile.ZipFile(archive, 'w') as z:
-    for i in range(0, len(specs), 3):
-        name, method, source = specs[i:i + 3]
+    for i in range(0, len(members), 3):
+        name, method, source = members[i:i + 3]
         kind = zipfile.ZIP_STORED if method == 'stored' else zipfile.ZIP_DEFLATED
         z.writestr(name, open(source, 'rb').read(), compress_type=kind)
 )";
 
 // As above, but with (name, method, content) triples: the contents go through files, since
 // program arguments are limited in length.
-void MakeWithPython(const std::string& archive, std::vector<std::string> specs) {
-    for (size_t i = 2; i < specs.size(); i += 3) {
+void MakeWithPython(const std::string& archive, std::vector<std::string> members) {
+    for (size_t i = 2; i < members.size(); i += 3) {
         const std::string source = archive + ".member" + std::to_string(i / 3);
-        WriteFile(source, specs[i]);
-        specs[i] = source;
+        WriteFile(source, members[i]);
+        members[i] = source;
     }
     std::vector<std::string> argv = {"python3", "-c", kMakeWithPython, archive};
-    argv.insert(argv.end(), specs.begin(), specs.end());
+    argv.insert(argv.end(), members.begin(), members.end());
     auto result = qvtest::RunProgram(argv);
     ASSERT_TRUE(result.Succeeded()) << result.Describe();
 }
