@@ -83,4 +83,14 @@ private:
 // Absolute path of a program of this build (the directory of qvtool, devsandbox, ...).
 std::string BuildProgram(const std::string& name);
 
+// qvtool of this build, run with `args` and `input` on its standard input.
+inline ChildResult Qvtool(std::vector<std::string> args, const std::string& input = "") {
+    args.insert(args.begin(), BuildProgram("qvtool"));
+    return RunProgram(args, input);
+}
+
+inline bool Contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
 }  // namespace qvtest

@@ -10,12 +10,9 @@
 
 namespace {
 
-using qvtest::ChildResult;
+using qvtest::Qvtool;
 
-ChildResult Qvtool(std::vector<std::string> args, const std::string& input = "") {
-    args.insert(args.begin(), qvtest::BuildProgram("qvtool"));
-    return qvtest::RunProgram(args, input);
-}
+using qvtest::ChildResult;
 
 int Lines(const std::string& text) {
     int lines = 0;

@@ -16,26 +16,20 @@
 
 namespace {
 
+using qvtest::Qvtool;
+using qvtest::Contains;
+
 using namespace std::chrono_literals;
 using qvtest::ChildProcess;
 using qvtest::ChildResult;
 
 const std::string kFile = "/mnt/ext1/system/config/tool.cfg";
 
-ChildResult Qvtool(std::vector<std::string> args) {
-    args.insert(args.begin(), qvtest::BuildProgram("qvtool"));
-    return qvtest::RunProgram(args);
-}
-
 std::string FileText(const std::string& path) {
     std::ifstream in(path);
     std::stringstream text;
     text << in.rdbuf();
     return text.str();
-}
-
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
 }
 
 // Whether the process holds an inotify descriptor, that is, watches.

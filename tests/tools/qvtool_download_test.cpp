@@ -15,6 +15,8 @@
 
 namespace {
 
+using qvtest::Contains;
+
 using qvtest::ChildResult;
 using qvtest::FileUrl;
 using qvtest::Sha256OfFile;
@@ -29,10 +31,6 @@ std::vector<std::string> Command(std::vector<std::string> args) {
 
 ChildResult Qvtool(std::vector<std::string> args) {
     return qvtest::RunProgram(Command(std::move(args)));
-}
-
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
 }
 
 class QvtoolDownload : public ::testing::Test {

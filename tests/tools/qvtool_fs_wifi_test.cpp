@@ -19,17 +19,11 @@
 
 namespace {
 
+using qvtest::Qvtool;
+using qvtest::Contains;
+
 using namespace std::chrono_literals;
 using qvtest::ChildResult;
-
-ChildResult Qvtool(std::vector<std::string> args) {
-    args.insert(args.begin(), qvtest::BuildProgram("qvtool"));
-    return qvtest::RunProgram(args);
-}
-
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 bool Exists(const std::string& path) {
     struct stat st {};

@@ -11,17 +11,11 @@
 
 namespace {
 
+using qvtest::Qvtool;
+using qvtest::Contains;
+
 using qvtest::ChildResult;
 using qvtest::HttpTestServer;
-
-ChildResult Qvtool(std::vector<std::string> args, const std::string& input = "") {
-    args.insert(args.begin(), qvtest::BuildProgram("qvtool"));
-    return qvtest::RunProgram(args, input);
-}
-
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 class QvtoolHttp : public ::testing::Test {
 protected:

@@ -12,6 +12,8 @@
 
 namespace {
 
+using qvtest::Contains;
+
 using namespace std::chrono_literals;
 using qvtest::ChildProcess;
 using qvtest::ChildResult;
@@ -23,10 +25,6 @@ std::vector<std::string> Command(std::vector<std::string> args) {
 
 ChildResult Qvtool(std::vector<std::string> args) {
     return qvtest::RunProgram(Command(std::move(args)));
-}
-
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
 }
 
 // Waits for the loop's announcement and gives its task id.

@@ -10,16 +10,10 @@
 
 namespace {
 
+using qvtest::Qvtool;
+using qvtest::Contains;
+
 using qvtest::ChildResult;
-
-ChildResult Qvtool(std::vector<std::string> args, const std::string& input = "") {
-    args.insert(args.begin(), qvtest::BuildProgram("qvtool"));
-    return qvtest::RunProgram(args, input);
-}
-
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 TEST(QvtoolReference, CountryAndLanguageCodes) {
     EXPECT_EQ(Qvtool({"country", "deu"}).output,

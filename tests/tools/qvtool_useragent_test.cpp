@@ -13,16 +13,10 @@
 
 namespace {
 
+using qvtest::Qvtool;
+using qvtest::Contains;
+
 using qvtest::ChildResult;
-
-ChildResult Qvtool(std::vector<std::string> args) {
-    args.insert(args.begin(), qvtest::BuildProgram("qvtool"));
-    return qvtest::RunProgram(args);
-}
-
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
