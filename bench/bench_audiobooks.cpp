@@ -175,10 +175,7 @@ void ChaptersRaw(benchmark::State& state) {
 }
 
 void Configure(benchmark::internal::Benchmark* benchmark) {
-    benchmark->Unit(benchmark::kMillisecond)
-        ->UseRealTime()
-        ->Repetitions(7)
-        ->ReportAggregatesOnly(true);
+    qvbench::TimeInMilliseconds(benchmark, 7);
 }
 
 }  // namespace

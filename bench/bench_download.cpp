@@ -186,11 +186,7 @@ void WgetProgram(benchmark::State& state) {
 }
 
 void Configure(benchmark::internal::Benchmark* benchmark) {
-    benchmark->Unit(benchmark::kMillisecond)
-        ->UseRealTime()
-        ->Iterations(1)
-        ->Repetitions(5)
-        ->ReportAggregatesOnly(true);
+    qvbench::TimeInMilliseconds(benchmark, 5, true);
 }
 
 void PrintPeaks() {

@@ -125,11 +125,7 @@ void RemoveProgram(benchmark::State& state) {
 }
 
 void Configure(benchmark::internal::Benchmark* benchmark) {
-    benchmark->Unit(benchmark::kMillisecond)
-        ->UseRealTime()
-        ->Iterations(1)
-        ->Repetitions(7)
-        ->ReportAggregatesOnly(true);
+    qvbench::TimeInMilliseconds(benchmark, 7, true);
 }
 
 }  // namespace

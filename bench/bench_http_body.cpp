@@ -140,11 +140,7 @@ void CurlProgram(benchmark::State& state) {
 }
 
 void Configure(benchmark::internal::Benchmark* benchmark) {
-    benchmark->Unit(benchmark::kMillisecond)
-        ->UseRealTime()
-        ->Iterations(1)
-        ->Repetitions(9)
-        ->ReportAggregatesOnly(true);
+    qvbench::TimeInMilliseconds(benchmark, 9, true);
 }
 
 }  // namespace

@@ -106,11 +106,7 @@ void CurlFreshLoop(benchmark::State& state) {
 }
 
 void Configure(benchmark::internal::Benchmark* benchmark) {
-    benchmark->Unit(benchmark::kMillisecond)
-        ->UseRealTime()
-        ->Iterations(1)
-        ->Repetitions(15)
-        ->ReportAggregatesOnly(true);
+    qvbench::TimeInMilliseconds(benchmark, 15, true);
 }
 
 }  // namespace

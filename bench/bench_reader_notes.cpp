@@ -251,10 +251,7 @@ void Keep(const Result& result, size_t at_least, const char* what) {
 // ---- Benchmarks: the library and the bare API, side by side -----------------------------------
 
 void Configure(benchmark::internal::Benchmark* benchmark) {
-    benchmark->Unit(benchmark::kMillisecond)
-        ->UseRealTime()
-        ->Repetitions(5)
-        ->ReportAggregatesOnly(true);
+    qvbench::TimeInMilliseconds(benchmark, 5);
 }
 
 using Body = std::function<void()>;

@@ -60,4 +60,14 @@ int PrintRatios(const RecordingReporter& reporter, const std::vector<Ratio>& rat
 // benchmark reports, the reader judges.
 int RunAndCompare(int argc, char** argv, const std::vector<Ratio>& ratios);
 
+// The timing every comparison uses: wall-clock milliseconds over `repetitions` runs, reported as
+// their aggregates. `one_pass` runs the body once per repetition, for bodies that are long on
+// their own (a download, a move of a gigabyte).
+inline void TimeInMilliseconds(benchmark::internal::Benchmark* benchmark, int repetitions,
+                               bool one_pass = false) {
+    benchmark->Unit(benchmark::kMillisecond)->UseRealTime();
+    if (one_pass) benchmark->Iterations(1);
+    benchmark->Repetitions(repetitions)->ReportAggregatesOnly(true);
+}
+
 }  // namespace qvbench
