@@ -127,8 +127,8 @@ void EnginePlayer::AdvanceLocked(bool by_user) {
     }
     if (by_user && decoder_) return;  // "next" on the last track of the list: nothing to do
     SetStateLocked(StateStopped);
-    Post([](PlayerCb& cb) { cb.onPlaylistEnd(); });
     if (decoder_) SeekLocked(0);
+    Post([](PlayerCb& cb) { cb.onPlaylistEnd(); });
 }
 
 // ---- Operations -------------------------------------------------------------------------------
