@@ -33,10 +33,20 @@ std::string Lower(std::string text) {
     return text;
 }
 
+// Bookkeeping of the MP4 family that tells a listener nothing.
+bool IsContainerDetail(const std::string& key) {
+    for (const char* detail :
+         {"major_brand", "minor_version", "compatible_brands", "handler_name", "vendor_id"}) {
+        if (key == detail) return true;
+    }
+    return false;
+}
+
 void AddTags(const AVDictionary* tags, std::map<std::string, std::string>* into) {
     const AVDictionaryEntry* tag = nullptr;
     while ((tag = av_dict_get(tags, "", tag, AV_DICT_IGNORE_SUFFIX))) {
-        into->emplace(Lower(tag->key), tag->value);  // the first one of a key stays
+        const std::string key = Lower(tag->key);
+        if (!IsContainerDetail(key)) into->emplace(key, tag->value);  // the first of a key stays
     }
 }
 
