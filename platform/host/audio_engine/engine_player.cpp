@@ -113,6 +113,7 @@ int EnginePlayer::ChooseNextLocked(bool by_user) {
 }
 
 void EnginePlayer::AdvanceLocked(bool by_user) {
+    if (tracks_.empty()) return;
     for (size_t attempts = tracks_.size(); attempts > 0; --attempts) {
         const int next = ChooseNextLocked(by_user);
         if (next < 0) break;
