@@ -30,7 +30,7 @@ void MakeMp3(const std::string& path, double seconds, const std::string& title,
 }
 
 void MakeM4b(const std::string& path, double seconds, const std::string& title,
-             const std::string& artist, const std::vector<ChapterSpec>& chapters) {
+             const std::string& artist, const std::vector<ChapterMark>& chapters) {
     const std::string meta = path + ".meta.txt";
     {
         std::ofstream out(meta);

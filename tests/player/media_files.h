@@ -7,7 +7,7 @@
 
 namespace qvtest {
 
-struct ChapterSpec {
+struct ChapterMark {
     int start_ms;
     int end_ms;
     std::string title;
@@ -18,7 +18,7 @@ void MakeMp3(const std::string& path, double seconds, const std::string& title,
              const std::string& artist, const std::string& cover = "");
 // An AAC book with these chapters, tagged with title and artist.
 void MakeM4b(const std::string& path, double seconds, const std::string& title,
-             const std::string& artist, const std::vector<ChapterSpec>& chapters);
+             const std::string& artist, const std::vector<ChapterMark>& chapters);
 // A small JPEG picture.
 void MakeJpeg(const std::string& path);
 // `archive` holding `files` under their base names.
