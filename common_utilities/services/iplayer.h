@@ -19,7 +19,8 @@
 //
 // Threads: a Player has no state and no lock of its own; what the engine does with threads is its
 // matter. PlayerCb calls come from the engine's playback thread, never from inside a call of the
-// application on the same player, so a callback may call back into the player.
+// application on the same player, so a callback may call back into the player (but not delete
+// it: the engine's thread can't wait for its own end).
 #pragma once
 
 #include <map>
@@ -125,7 +126,8 @@ public:
     virtual void onTrackChanged(int /*index*/) {}
     // About once a second while playing, and after a seek; seconds in the track.
     virtual void onPositionChanged(int /*position*/) {}
-    // The end of the list was reached in a mode that stops there.
+    // The end of the list was reached in a mode that stops there; the player is stopped at the
+    // start of the track it played last.
     virtual void onPlaylistEnd() {}
     // A track could not be played; playback moves on as the mode says or stops.
     virtual void onError(int /*index*/, const std::string& /*message*/) {}
