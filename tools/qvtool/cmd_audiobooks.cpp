@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "audiobook_lookup.h"
 #include "cli.h"
 #include "common_utilities/audio/audio_books_manager.h"
 #include "common_utilities/old_zip/qv_zip_manager.h"
@@ -24,18 +25,7 @@ namespace {
 
 using quorvel::audio::AudioBook;
 using quorvel::audio::AudioBooksManager;
-using BookPtr = std::shared_ptr<AudioBook>;
 using Bookmark = AudioBooksManager::AudioBookmark;
-
-// "0:04:07", "12:00:00"; negative times keep their sign.
-std::string Clock(long long seconds) {
-    const char* sign = seconds < 0 ? "-" : "";
-    if (seconds < 0) seconds = -seconds;
-    char text[32];
-    std::snprintf(text, sizeof text, "%s%lld:%02lld:%02lld", sign, seconds / 3600,
-                  seconds / 60 % 60, seconds % 60);
-    return text;
-}
 
 const char* KindName(AudioBook::AudioBookType type) {
     switch (type) {
@@ -67,22 +57,6 @@ std::string LastRead(int64_t timestamp) {
     char text[32];
     std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &local);
     return text;
-}
-
-long long ParseId(Args& args, const std::string& what) {
-    long long id = ParseInteger(args.Next(what), what);
-    if (id <= 0) throw Failure(kNotFound, "no " + what + " " + std::to_string(id));
-    return id;
-}
-
-// The book with its chapters, ready for conversions; kNotFound when there is none.
-BookPtr LoadBook(AudioBooksManager& library, long long id) {
-    for (auto& book : library.getAudioBooks(AudioBooksManager::OrderByTitle)) {
-        if (book->getId() != id) continue;
-        book->setChapters(library.getBookChapters(id));
-        return book;
-    }
-    throw Failure(kNotFound, "no book " + std::to_string(id));
 }
 
 // ---- audiobooks list ------------------------------------------------------------------------
