@@ -192,8 +192,10 @@ const bool registered_state = Register(
 const bool registered_logout = Register(
     {"auth logout", "sign out of the store (every partner's keys) and the cloud",
      "usage: qvtool auth logout\n"
-     "Removes the store credentials of every partner and signs out of the cloud, as the\n"
-     "settings do. With native sign-in, the browser is killed too.\n",
+     "Signs out as the settings do: removes the store credentials of partners 0, 13, 14 and 15\n"
+     "(whichever the device has) and signs out of the cloud. With native sign-in the browser\n"
+     "is killed instead (killall -9 browser.app, on the whole host), and partner_store.cfg,\n"
+     "the native sign-in's own file, stays as it is.\n",
      RunLogout});
 
 }  // namespace
