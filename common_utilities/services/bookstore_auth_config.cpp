@@ -144,7 +144,8 @@ void BookStoreAuthConfigs::logOut() {
     QV_LOG_INFO(">>>   LogOut   <<<");
     // Every partner's keys, not only this device's: credentials a former partner setting left
     // behind must not survive a sign-out.
-    for (const auto& entry : partners_info_) RemoveCredentials(entry.second);
+    for (const auto& entry : partners_info_)
+        RemoveCredentials(entry.second);
 
     const std::string filename = GetConfigFilename();
     if (FileExists(filename)) {

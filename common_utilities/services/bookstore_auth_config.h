@@ -117,11 +117,14 @@ public:
 
 private:
     using Handler = FutherAction (BookStoreAuthConfigs::*)(AuthStep, StepResult);
+    using Run = void (BookStoreAuthConfigs::*)();
     // The handler of `scenario` for this device; null when its flags fit no family.
     Handler ChooseHandler() const;
     // The step check every handler but LoginFromStore makes first.
     void CheckStep(AuthStep step) const;
     void RunStoreApp(const char* path, const char* name);
+    // The cloud sign-in of both families, with the store application of each.
+    FutherAction CloudLoginSteps(StepResult result, Run store_login, Run hand_over);
 
     static const std::map<EPARTNER_ID, PartnerStoreInfo> partners_info_;
 };

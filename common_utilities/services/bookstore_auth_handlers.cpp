@@ -72,10 +72,9 @@ BookStoreAuthConfigs::FutherAction BookStoreAuthConfigs::startScenario(AuthScena
     return (this->*ChooseHandler())(StepStart, ResultOk);
 }
 
-BookStoreAuthConfigs::FutherAction BookStoreAuthConfigs::Proceed(AuthStep step,
-                                                                 StepResult result) {
-    QV_LOG_INFO("Proceed called scenario = %d, step = %d, result = %d",
-                static_cast<int>(scenario), static_cast<int>(step), static_cast<int>(result));
+BookStoreAuthConfigs::FutherAction BookStoreAuthConfigs::Proceed(AuthStep step, StepResult result) {
+    QV_LOG_INFO("Proceed called scenario = %d, step = %d, result = %d", static_cast<int>(scenario),
+                static_cast<int>(step), static_cast<int>(result));
     if (scenario == AuthScenario::LoginFromStore) {
         if (StoreMaySignIn()) return LoginFromStore(step, result);
         state = StepFinished;
@@ -169,6 +168,13 @@ BookStoreAuthConfigs::FutherAction BookStoreAuthConfigs::GqdUmbreitCloudLogin(Au
                                                                               StepResult result) {
     CheckStep(step);
     QV_LOG_INFO("GqdUmbreitCloudLogin handler");
+    return CloudLoginSteps(result, &Auth::runStoreInLoginMode, &Auth::runStoreInSetCloudParamsMode);
+}
+
+// Both families sign in to the cloud alike; only the store application of each step differs.
+BookStoreAuthConfigs::FutherAction BookStoreAuthConfigs::CloudLoginSteps(StepResult result,
+                                                                         Run store_login,
+                                                                         Run hand_over) {
     switch (state) {
         case StepStart:
             if (!isLoggedIn()) {
@@ -176,7 +182,7 @@ BookStoreAuthConfigs::FutherAction BookStoreAuthConfigs::GqdUmbreitCloudLogin(Au
                 return ActionAskUser;
             }
             state = StepStoreSetCloudParams;
-            runStoreInSetCloudParamsMode();
+            (this->*hand_over)();
             return ActionNone;
         case StepStoreLogin:
         case StepStoreSetCloudParams:
@@ -196,7 +202,7 @@ BookStoreAuthConfigs::FutherAction BookStoreAuthConfigs::GqdUmbreitCloudLogin(Au
                 return ActionNone;
             }
             state = StepStoreLogin;
-            runStoreInLoginMode();
+            (this->*store_login)();
             return ActionNone;
         default:
             QV_LOG_ERROR("Unhandled state %d", static_cast<int>(state));
@@ -281,39 +287,8 @@ BookStoreAuthConfigs::FutherAction BookStoreAuthConfigs::FluflipleCloudLogin(Aut
                                                                              StepResult result) {
     CheckStep(step);
     QV_LOG_INFO("FluflipleCloudLogin handler");
-    switch (state) {
-        case StepStart:
-            if (!isLoggedIn()) {
-                state = StepAskLogin;
-                return ActionAskUser;
-            }
-            state = StepStoreSetCloudParams;
-            runStoreNativeLogin();
-            return ActionNone;
-        case StepStoreLogin:
-        case StepStoreSetCloudParams:
-            if (result != ResultOk) {
-                state = StepFinished;
-                return ActionDone;
-            }
-            state = StepCloudAuth;
-            runCloudAuth();
-            return ActionDone;
-        case StepCloudAuth:
-            state = StepFinished;
-            return ActionDone;
-        case StepAskLogin:
-            if (result != ResultOk) {
-                state = StepFinished;
-                return ActionNone;
-            }
-            state = StepStoreLogin;
-            runStoreNativeLogin();
-            return ActionNone;
-        default:
-            QV_LOG_ERROR("Unhandled state %d", static_cast<int>(state));
-            return ActionNone;
-    }
+    // The native application also hands the login to the cloud.
+    return CloudLoginSteps(result, &Auth::runStoreNativeLogin, &Auth::runStoreNativeLogin);
 }
 
 BookStoreAuthConfigs::FutherAction BookStoreAuthConfigs::LoginFromStore(AuthStep,

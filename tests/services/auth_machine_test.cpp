@@ -108,10 +108,10 @@ TEST_F(AuthMachine, UnknownScenarioStateAndWrongStep) {
               Auth::ActionNone);
     EXPECT_EQ(auth.stateToString(), "4,7");
     // The store's own sign-in doesn't compare steps.
-    EXPECT_EQ(log.Messages(), (std::vector<std::string>{
-                                  PidLine("Proceed called scenario = 4, step = 4, result = -1"),
-                                  PidLine("LoginFromStore handler"),
-                                  PidLine("Wrong step result -1")}));
+    EXPECT_EQ(log.Messages(),
+              (std::vector<std::string>{
+                  PidLine("Proceed called scenario = 4, step = 4, result = -1"),
+                  PidLine("LoginFromStore handler"), PidLine("Wrong step result -1")}));
 }
 
 TEST_F(AuthMachine, EveryHandlerAtTheEndLogsAndGivesItsDefault) {
@@ -123,8 +123,7 @@ TEST_F(AuthMachine, EveryHandlerAtTheEndLogsAndGivesItsDefault) {
     };
     const std::vector<Row> rows{
         {&Auth::BookstoreFormDesktop, "BookstoreFormDesktop", Auth::ActionExit},
-        {&Auth::GqdUmbreitBookstoreFromDesktop, "GqdUmbreitBookstoreFromDesktop",
-         Auth::ActionExit},
+        {&Auth::GqdUmbreitBookstoreFromDesktop, "GqdUmbreitBookstoreFromDesktop", Auth::ActionExit},
         {&Auth::GqdUmbreitBookstoreLoginFromSettings, "GqdUmbreitBookstoreLoginFromSettings",
          Auth::ActionNone},
         {&Auth::GqdUmbreitCloudLogin, "GqdUmbreitCloudLogin", Auth::ActionNone},
@@ -264,11 +263,11 @@ private:
 
 TEST_F(AuthMachine, LogOutClearsEveryPartnersKeys) {
     const std::string dir = kConfigDir;
-    for (const char* file : {"global.cfg", "umbreit_config.cfg", "gqd_config.cfg",
-                             "partner_store.cfg"}) {
-        for (const char* key : {"tarvey_login", "tarvey_pass", "user_name", "password",
-                                "session_id", "username", "access_token", "libronet_user_id",
-                                "language"}) {
+    for (const char* file :
+         {"global.cfg", "umbreit_config.cfg", "gqd_config.cfg", "partner_store.cfg"}) {
+        for (const char* key :
+             {"tarvey_login", "tarvey_pass", "user_name", "password", "session_id", "username",
+              "access_token", "libronet_user_id", "language"}) {
             WriteKey(dir + file, key, "v");
         }
     }
@@ -276,8 +275,7 @@ TEST_F(AuthMachine, LogOutClearsEveryPartnersKeys) {
     ASSERT_EQ(ReadKey(dir + "gqd_config.cfg", "user_name"), "v");
     qvhost_set_partner(13);
     {
-        std::unique_ptr<quorvel::utilities::ICloudApi> cloud(
-            quorvel::utilities::createCloudApi());
+        std::unique_ptr<quorvel::utilities::ICloudApi> cloud(quorvel::utilities::createCloudApi());
         ASSERT_EQ(cloud->startAutoAuth(true), 0);
     }
     KillallRecorder killall;
@@ -326,8 +324,7 @@ TEST_F(AuthMachine, LogOutWithoutFilesOrCloudLibrary) {
     WriteKey(kCloudSession, "param.0", "reader");
     WriteKey(kCloudSession, "auto_registration", "0");
     {
-        std::unique_ptr<quorvel::utilities::ICloudApi> cloud(
-            quorvel::utilities::createCloudApi());
+        std::unique_ptr<quorvel::utilities::ICloudApi> cloud(quorvel::utilities::createCloudApi());
         ASSERT_EQ(cloud->startAutoAuth(true), 0);
     }
     ::unlink((std::string(kConfigDir) + "global.cfg").c_str());

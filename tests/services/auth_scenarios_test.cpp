@@ -56,7 +56,8 @@ void RunCases(Family family, const std::vector<Case>& cases) {
                      std::to_string(static_cast<int>(c.scenario)));
         ResetDevice();
         if (c.signed_in_before) SignInToStore();
-        for (const auto& [step, result] : c.answers) storeapps::SetResult(step, result);
+        for (const auto& [step, result] : c.answers)
+            storeapps::SetResult(step, result);
 
         StartScenario(c.scenario);
         ASSERT_TRUE(WaitForQuiet()) << "the scenario did not end";
@@ -67,6 +68,8 @@ void RunCases(Family family, const std::vector<Case>& cases) {
     }
 }
 
+// The tables read as rows: one scenario run each.
+// clang-format off
 const std::string kStarter = "login-scenario.app ";
 const std::string kStore = "bookstore.app --auth-state=";
 const std::string kNative = "store-native-auth.app --auth-state=";
@@ -172,5 +175,7 @@ TEST(AuthScenarios, PartnerOfNoFamily) {
                  {Scenario::LoginFromStore, false, {}, {kStoreSignsIn}, "4,7", false, false},
              });
 }
+
+// clang-format on
 
 }  // namespace

@@ -51,9 +51,10 @@ TEST(QvtoolAuth, StartPrintsEveryApplicationAndStep) {
 
     // Answers change the road: the store's login is cancelled.
     ChildResult cancelled = Qvtool({"auth", "start", "1", "--answer", "login=cancel"});
-    EXPECT_TRUE(Contains(cancelled.output, "  the user chose to cancel\n"
-                                           "  Proceed(store login, cancel) -> done, state 1,7\n"
-                                           "-- scenario over\n"))
+    EXPECT_TRUE(Contains(cancelled.output,
+                         "  the user chose to cancel\n"
+                         "  Proceed(store login, cancel) -> done, state 1,7\n"
+                         "-- scenario over\n"))
         << cancelled.output;
     EXPECT_FALSE(Contains(cancelled.output, "qvcloud_auth.app"));
 }
@@ -76,8 +77,8 @@ TEST(QvtoolAuth, BadCommandLinesAndMissingApplications) {
     EXPECT_TRUE(Contains(missing.output, "/zelgrot/bin/qvcloud_auth.app is not installed"));
 
     ASSERT_EQ(::unlink("/zelgrot/lib/libqvcloud_api.so"), 0);
-    EXPECT_TRUE(Contains(Qvtool({"auth", "state"}).output,
-                         "cloud    no cloud library on this device\n"));
+    EXPECT_TRUE(
+        Contains(Qvtool({"auth", "state"}).output, "cloud    no cloud library on this device\n"));
 }
 
 }  // namespace

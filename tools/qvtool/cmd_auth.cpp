@@ -36,14 +36,14 @@ Scenario ParseScenario(const std::string& word) {
             return static_cast<Scenario>(i);
         }
     }
-    throw Failure(kUsage, "no scenario '" + word + "' (StartStore, StoreLoginFromSettings, "
-                          "StoreRegisterFromSettings, CloudLogin, LoginFromStore)");
+    throw Failure(kUsage, "no scenario '" + word +
+                              "' (StartStore, StoreLoginFromSettings, "
+                              "StoreRegisterFromSettings, CloudLogin, LoginFromStore)");
 }
 
 int ParseStep(const std::string& word) {
-    static const std::map<std::string, int> steps{{"login", 1}, {"register", 2},
-                                                  {"cloud-params", 3}, {"cloud", 4},
-                                                  {"store", 5}, {"ask", 6}};
+    static const std::map<std::string, int> steps{
+        {"login", 1}, {"register", 2}, {"cloud-params", 3}, {"cloud", 4}, {"store", 5}, {"ask", 6}};
     auto it = steps.find(word);
     if (it != steps.end()) return it->second;
     long long step = ParseInteger(word, "step");
@@ -92,9 +92,10 @@ void PrintSignIns() {
         std::cout << "no cloud library on this device\n";
     } else if (cloud->IsLoggedIn()) {
         auto params = cloud->getParamsForAutoAuth();
-        std::cout << "signed in" << (params.count(ICloudApi::AutoAuthLogin)
-                                         ? " as " + params[ICloudApi::AutoAuthLogin]
-                                         : std::string())
+        std::cout << "signed in"
+                  << (params.count(ICloudApi::AutoAuthLogin)
+                          ? " as " + params[ICloudApi::AutoAuthLogin]
+                          : std::string())
                   << '\n';
     } else {
         std::cout << "signed out\n";
@@ -131,7 +132,8 @@ int RunStart(Args& args) {
     }
     storeapps::ClearAnswers();
     storeapps::ClearJournal();
-    for (const std::string& answer : answers) SetAnswer(answer);
+    for (const std::string& answer : answers)
+        SetAnswer(answer);
     if (login) storeapps::SetLogin(*login);
 
     StartFirstApplication(scenario);
@@ -140,8 +142,8 @@ int RunStart(Args& args) {
             std::cout << storeapps::Describe(entry) << std::endl;
         },
         static_cast<int>(seconds * 1000));
-    if (!ended) throw Failure(kFailed, "the scenario did not end within " +
-                                           std::to_string(seconds) + " s");
+    if (!ended)
+        throw Failure(kFailed, "the scenario did not end within " + std::to_string(seconds) + " s");
     std::cout << "-- scenario over\n";
     PrintSignIns();
     return kOk;

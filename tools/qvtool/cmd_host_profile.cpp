@@ -48,8 +48,8 @@ int RunFlag(Args& args) {
     args.Done();
     if (flag < 0 || flag > 63) throw Failure(kUsage, "flags are numbered 0 to 63");
     if (value) qvhost_set_device_flag(static_cast<int>(flag), ParseSwitch(*value));
-    std::cout << "flag " << flag << ' ' << (getDeviceConfigFlag(static_cast<int>(flag)) ? "on" : "off")
-              << '\n';
+    std::cout << "flag " << flag << ' '
+              << (getDeviceConfigFlag(static_cast<int>(flag)) ? "on" : "off") << '\n';
     return kOk;
 }
 
@@ -77,12 +77,12 @@ const bool registered_flag = Register(
      "and 3 on signs in through the native sign-in application.\n",
      RunFlag});
 
-const bool registered_native = Register(
-    {"host native-auth", "whether the partner signs in natively (host only)",
-     "usage: qvtool host native-auth [on|off]\n"
-     "Whether the partner supports native sign-in; its credentials then live in\n"
-     "partner_store.cfg. Prints the profile.\n",
-     RunNativeAuth});
+const bool registered_native =
+    Register({"host native-auth", "whether the partner signs in natively (host only)",
+              "usage: qvtool host native-auth [on|off]\n"
+              "Whether the partner supports native sign-in; its credentials then live in\n"
+              "partner_store.cfg. Prints the profile.\n",
+              RunNativeAuth});
 
 }  // namespace
 }  // namespace qvtool

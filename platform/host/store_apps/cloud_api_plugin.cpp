@@ -28,8 +28,10 @@ class Session {
 public:
     Session() : config_(OpenConfig(kSessionFile, 0)) {}
     ~Session() {
-        if (config_ && dirty_) CloseConfig(config_);
-        else if (config_) CloseConfigNoSave(config_);
+        if (config_ && dirty_)
+            CloseConfig(config_);
+        else if (config_)
+            CloseConfigNoSave(config_);
     }
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
@@ -67,8 +69,10 @@ public:
 
     void setParamsForAutoAuth(const AutoAuthParamsMap& params) override {
         Session session;
-        for (int param : kParams) session.Remove(ParamKey(param));
-        for (const auto& [key, value] : params) session.Set(ParamKey(key), value);
+        for (int param : kParams)
+            session.Remove(ParamKey(param));
+        for (const auto& [key, value] : params)
+            session.Set(ParamKey(key), value);
     }
 
     AutoAuthParamsMap getParamsForAutoAuth() override {
@@ -96,7 +100,8 @@ public:
         Session session;
         session.Remove("user");
         session.Remove("token");
-        for (int param : kParams) session.Remove(ParamKey(param));
+        for (int param : kParams)
+            session.Remove(ParamKey(param));
     }
 
     bool haveQVCloud() override { return Session().Flag("have_cloud", true); }

@@ -152,8 +152,9 @@ Auth::FutherAction DoStep(Auth& auth) {
 
 Auth::FutherAction Start(Auth& auth, Auth::AuthScenario scenario) {
     Auth::FutherAction action = auth.startScenario(scenario);
-    storeapps::Record("scenario", app,
-                      {std::to_string(static_cast<int>(scenario)), std::to_string(action), auth.stateToString()});
+    storeapps::Record(
+        "scenario", app,
+        {std::to_string(static_cast<int>(scenario)), std::to_string(action), auth.stateToString()});
     return action;
 }
 

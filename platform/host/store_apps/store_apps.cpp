@@ -35,7 +35,8 @@ std::vector<std::string> Split(const std::string& line, char separator) {
     std::vector<std::string> parts;
     std::istringstream in(line);
     std::string part;
-    while (std::getline(in, part, separator)) parts.push_back(part);
+    while (std::getline(in, part, separator))
+        parts.push_back(part);
     return parts;
 }
 
@@ -54,9 +55,9 @@ const char* ScenarioName(const std::string& scenario) {
 }
 
 const char* StepName(const std::string& step) {
-    static const char* names[] = {"start", "store login", "store registration",
-                                  "store hands over to the cloud", "cloud sign-in",
-                                  "store", "ask the user", "finished"};
+    static const char* names[] = {
+        "start",         "store login", "store registration", "store hands over to the cloud",
+        "cloud sign-in", "store",       "ask the user",       "finished"};
     int value = std::atoi(step.c_str());
     return value >= 0 && value < 8 ? names[value] : "unknown step";
 }
@@ -84,7 +85,8 @@ std::string JournalPath() {
 void Record(const std::string& kind, const std::string& app,
             const std::vector<std::string>& fields) {
     std::string line = kind + '\t' + app;
-    for (const std::string& field : fields) line += '\t' + field;
+    for (const std::string& field : fields)
+        line += '\t' + field;
     line += '\n';
     qvhost::EnsureStateDir();
     // One write of a short line in append mode: lines of several processes never mix.
@@ -113,7 +115,8 @@ void ClearJournal() {
 
 std::string CommandLine(const JournalEntry& start) {
     std::string line = start.app;
-    for (const std::string& argument : start.fields) line += ' ' + argument;
+    for (const std::string& argument : start.fields)
+        line += ' ' + argument;
     return line;
 }
 
@@ -121,13 +124,15 @@ std::string Describe(const JournalEntry& entry) {
     const auto& f = entry.fields;
     if (entry.kind == "start") return CommandLine(entry);
     if (entry.kind == "scenario" && f.size() == 3) {
-        return std::string("  startScenario(") + ScenarioName(f[0]) + ") -> " + ActionName(f[1]) + ", state " + f[2];
+        return std::string("  startScenario(") + ScenarioName(f[0]) + ") -> " + ActionName(f[1]) +
+               ", state " + f[2];
     }
     if (entry.kind == "proceed" && f.size() == 4) {
-        return std::string("  Proceed(") + StepName(f[0]) + ", " + ResultName(f[1]) + ") -> " + ActionName(f[2]) +
-               ", state " + f[3];
+        return std::string("  Proceed(") + StepName(f[0]) + ", " + ResultName(f[1]) + ") -> " +
+               ActionName(f[2]) + ", state " + f[3];
     }
-    if (entry.kind == "ask" && f.size() == 1) return std::string("  the user answers ") + ResultName(f[0]);
+    if (entry.kind == "ask" && f.size() == 1)
+        return std::string("  the user answers ") + ResultName(f[0]);
     if (entry.kind == "note" && f.size() == 1) return "  " + f[0];
     if (entry.kind == "finished") return "  the scenario is over; " + entry.app + " just runs";
     return "  " + entry.kind;
@@ -179,7 +184,8 @@ bool FollowScenario(const std::function<void(const JournalEntry&)>& on_entry, in
         // Asked before reading: whatever a finished application wrote is then in the journal.
         const bool running = AnyAppRunning();
         std::vector<JournalEntry> entries = ReadJournal();
-        for (; seen < entries.size(); ++seen) on_entry(entries[seen]);
+        for (; seen < entries.size(); ++seen)
+            on_entry(entries[seen]);
         if (!running) return true;
         if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
