@@ -123,6 +123,7 @@ private:
     // The step check every handler but LoginFromStore makes first.
     void CheckStep(AuthStep step) const;
     void RunStoreApp(const char* path, const char* name);
+    void StartStoreSignIn(Run login, Run registration);
     // The cloud sign-in of both families, with the store application of each.
     FutherAction CloudLoginSteps(StepResult result, Run store_login, Run hand_over);
 

@@ -91,6 +91,17 @@ void BookStoreAuthConfigs::CheckStep(AuthStep step) const {
     }
 }
 
+// The first step of a sign-in from the settings: the store's login, or its registration.
+void BookStoreAuthConfigs::StartStoreSignIn(Run login, Run registration) {
+    if (scenario == AuthScenario::StoreRegisterFromSettings) {
+        state = StepStoreRegister;
+        (this->*registration)();
+    } else {
+        state = StepStoreLogin;
+        (this->*login)();
+    }
+}
+
 // ---- Handlers ---------------------------------------------------------------------------------
 
 BookStoreAuthConfigs::FutherAction BookStoreAuthConfigs::BookstoreFormDesktop(AuthStep step,
@@ -136,13 +147,7 @@ BookStoreAuthConfigs::FutherAction BookStoreAuthConfigs::GqdUmbreitBookstoreLogi
     QV_LOG_INFO("GqdUmbreitBookstoreLoginFromSettings handler");
     switch (state) {
         case StepStart:
-            if (scenario == AuthScenario::StoreRegisterFromSettings) {
-                state = StepStoreRegister;
-                runStoreInRegisterMode();
-            } else {
-                state = StepStoreLogin;
-                runStoreInLoginMode();
-            }
+            StartStoreSignIn(&Auth::runStoreInLoginMode, &Auth::runStoreInRegisterMode);
             return ActionNone;
         case StepStoreLogin:
         case StepStoreRegister:
@@ -256,13 +261,7 @@ BookStoreAuthConfigs::FutherAction BookStoreAuthConfigs::FluflipleLoginFromSetti
     QV_LOG_INFO("FluflipleLoginFromSettings handler");
     switch (state) {
         case StepStart:
-            if (scenario == AuthScenario::StoreRegisterFromSettings) {
-                state = StepStoreRegister;
-                runStoreNativeRegister();
-            } else {
-                state = StepStoreLogin;
-                runStoreNativeLogin();
-            }
+            StartStoreSignIn(&Auth::runStoreNativeLogin, &Auth::runStoreNativeRegister);
             return ActionNone;
         case StepStoreLogin:
         case StepStoreRegister:
