@@ -64,8 +64,8 @@ std::optional<int> ParseDecimal(const std::string& text) {
     return static_cast<int>(value);
 }
 
-// The device's own platform gives no handle for a file that isn't there; a missing file holds no
-// credentials, and signing out must not leave an empty one behind.
+// A missing file holds no credentials; opening and saving it would make an empty one, and signing
+// out must not leave files behind for partners the device never had.
 bool FileExists(const std::string& path) {
     return ::access(path.c_str(), F_OK) == 0;
 }
