@@ -55,6 +55,12 @@ constexpr const char* kSystemPrograms[][2] = {
     {"/zelgrot/bin/sqlite3", "sqlite3"},
 };
 
+// Host programs that the sandbox covers with a stand-in of this build, found beside devsandbox:
+// {program name, stand-in}. The host's killall would reach processes outside the sandbox.
+constexpr const char* kCoveredPrograms[][2] = {
+    {"killall", "device_killall"},
+};
+
 struct Options {
     std::vector<std::string> images;
     std::vector<std::string> keep;
@@ -203,6 +209,19 @@ std::string FindProgram(const std::string& name) {
     return {};
 }
 
+void CoverHostPrograms() {
+    std::error_code ec;
+    fs::path own_dir = fs::read_symlink("/proc/self/exe", ec).parent_path();
+    for (const auto& program : kCoveredPrograms) {
+        std::string host = FindProgram(program[0]);
+        fs::path stand_in = own_dir / program[1];
+        if (host.empty() || !fs::exists(stand_in, ec)) continue;
+        if (::mount(stand_in.c_str(), host.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+            Fail("can't cover " + host + ": " + ErrnoText());
+        }
+    }
+}
+
 void PrepareDevice(const Options& options) {
     std::error_code ec;
     for (const char* dir : kSkeleton)
@@ -218,6 +237,7 @@ void PrepareDevice(const Options& options) {
         }
         fs::create_symlink(host, program[0], ec);
     }
+    CoverHostPrograms();
 }
 
 }  // namespace
