@@ -1,14 +1,17 @@
 // A fixed-size named area of POSIX shared memory that several processes attach to by an agreed
 // name, with a process-shared semaphore in the area itself as its lock.
 //
-// Layout: the semaphore in the first 16 bytes (all that the C library's sem_t uses of its
-// storage), the user's data from offset 16. The first process to map the object sets the
+// Layout: the semaphore first, in a slot of sizeof(sem_t) bytes (16 on the device; 32 on a
+// 64-bit host, where a 16-byte slot would lay the user's data over the semaphore's storage), then
+// the user's data. The first process to map the object sets the
 // semaphore up; later ones attach and leave it alone.
 //
 // The first object destroyed removes the name for everyone: a process that comes later makes a
 // new area, while those already attached go on sharing the old one. A process that dies while
 // holding the lock leaves it held.
 #pragma once
+
+#include <semaphore.h>
 
 #include <cstddef>
 #include <string>
@@ -20,7 +23,7 @@ namespace utilities {
 
 class QV_EXPORT SharedStateImpl {
 public:
-    static constexpr size_t kHeaderSize = 16;
+    static constexpr size_t kHeaderSize = sizeof(sem_t);
 
     SharedStateImpl() = default;
     ~SharedStateImpl();

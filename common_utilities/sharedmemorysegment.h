@@ -2,8 +2,9 @@
 // user size in a header, so that a reader notices when the writer made the area larger or
 // smaller (NeedRemap) and maps it again (Remap).
 //
-// Layout: the semaphore in the first 16 bytes, the user size at the last Init as an unsigned
-// 32-bit integer in the machine's order at offset 16, the user's data from offset 20.
+// Layout: the semaphore in a slot of sizeof(sem_t) bytes (16 on the device, 32 on a 64-bit host),
+// the user size at the last Init as an unsigned 32-bit integer in the machine's order, then the
+// user's data: offsets 16 and 20 on the device.
 //
 // Every Init and Remap sets the semaphore up anew, also when attaching: a process that attaches
 // while another holds the lock breaks that lock. The lock is good only between processes that
@@ -13,6 +14,8 @@
 // application that wants other names than the last run's seeds it. A made-up name that is
 // already taken is never shared: that attempt fails and the next name is tried.
 #pragma once
+
+#include <semaphore.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -25,8 +28,8 @@ namespace utilities {
 
 class QV_EXPORT SharedMemorySegmentImpl {
 public:
-    static constexpr size_t kHeaderSize = 20;
-    static constexpr size_t kSizeOffset = 16;
+    static constexpr size_t kSizeOffset = sizeof(sem_t);
+    static constexpr size_t kHeaderSize = kSizeOffset + sizeof(uint32_t);
 
     SharedMemorySegmentImpl() = default;
     ~SharedMemorySegmentImpl();

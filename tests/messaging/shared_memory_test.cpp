@@ -74,11 +74,14 @@ TEST(SharedMemorySegment, ReaderRemapsAfterTheWriterResized) {
     ASSERT_EQ(QV_OK, writer.Init(name, 100));
     EXPECT_TRUE(log.Has(4, qvtest::PidLine("/qv_segment 100")));
     EXPECT_FALSE(writer.NeedRemap());
+    std::strcpy(writer.GetData(), "head");
 
     qvtest::Rendezvous attached, grown, checked, shrunk;
     auto reader = qvtest::ChildProcess::Start([&] {
         SharedMemorySegmentImpl segment;
         if (segment.Init(name, 100) != QV_OK) return 1;
+        // Attaching sets the semaphore up again, and must leave the data after it alone.
+        if (std::string(segment.GetData()) != "head") return 9;
         attached.Signal();
         if (!grown.Wait()) return 2;
         if (!segment.NeedRemap()) return 3;
@@ -104,9 +107,11 @@ TEST(SharedMemorySegment, ReaderRemapsAfterTheWriterResized) {
     auto result = reader.Wait();
     EXPECT_TRUE(result.Succeeded()) << result.Describe();
 
-    // The header: the size as an unsigned 32-bit integer after the 16 bytes of the semaphore.
+    // The header: the size as an unsigned 32-bit integer after the semaphore, the data after it.
     uint32_t header = 0;
-    std::memcpy(&header, static_cast<char*>(writer.GetBase()) + 16, sizeof(header));
+    char* base = static_cast<char*>(writer.GetBase());
+    std::memcpy(&header, base + SharedMemorySegmentImpl::kSizeOffset, sizeof(header));
+    EXPECT_EQ(base + SharedMemorySegmentImpl::kSizeOffset + 4, writer.GetData());
     EXPECT_EQ(10u, header);
 
     // A new name on a mapped object is removed first, and must exist.
