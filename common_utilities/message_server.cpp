@@ -74,9 +74,9 @@ int MessageServer::ProcessMessage(int timeout_ms) {
         int err = WaitReadable(socket_, timeout_ms);
         if (0 == err) return 0;
         QV_RETURN_UNLESS(-1 != err, QV_FAILED, "select failed with %d", errno);
+        // Deinit wakes the server's thread by shutting the socket down: that is no message.
+        if (!running) return 0;
     }
-    // Deinit wakes the server's thread by shutting the socket down: that is no message.
-    if (!running) return 0;
 
     auto* message = new Message;
     message->bytes.resize(max_message_size_);

@@ -1,5 +1,7 @@
 #include "common_utilities/shared_memory_map.h"
 
+#include "common_utilities/common_utilities.h"
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -30,6 +32,19 @@ MapStep MapSharedObject(const std::string& name, size_t total, bool exclusive,
     if (base == MAP_FAILED) return MapStep::kMap;
     mapping->base = base;
     return MapStep::kDone;
+}
+
+int CheckMapStep(MapStep step, const SharedMapping& mapping, const std::string& name) {
+    int fd = step == MapStep::kOpen ? -1 : 0;
+    QV_RETURN_IF(-1 == fd, QV_FAILED);
+    if (step == MapStep::kDone) return QV_OK;
+    if (step == MapStep::kTruncate) {
+        QV_LOG_ERROR("ftruncate failed with %d", mapping.error);
+    } else {
+        QV_LOG_ERROR("mmap failed with %d", mapping.error);
+    }
+    ::shm_unlink(name.c_str());
+    return QV_FAILED;
 }
 
 }  // namespace utilities

@@ -1,5 +1,5 @@
 // Opening, sizing and mapping a POSIX shared memory object, shared by the shared state units
-// (not exported). The callers log each failure with their own lines.
+// (not exported).
 #pragma once
 
 #include <cstddef>
@@ -21,6 +21,10 @@ struct SharedMapping {
 // that mapped more of it would get SIGBUS on their next touch past the new end.
 MapStep MapSharedObject(const std::string& name, size_t total, bool exclusive,
                         SharedMapping* mapping);
+
+// QV_OK after kDone; otherwise logs the failed step and gives QV_FAILED, having removed the name
+// when the object was opened (a half-made object must not be found by the next process).
+int CheckMapStep(MapStep step, const SharedMapping& mapping, const std::string& name);
 
 }  // namespace utilities
 }  // namespace quorvel

@@ -25,18 +25,7 @@ int SharedStateImpl::Init(std::string name, size_t size) {
     if (base_) Unmap();
     SharedMapping mapping;
     MapStep step = MapSharedObject(name, size + kHeaderSize, false, &mapping);
-    int fd = step == MapStep::kOpen ? -1 : 0;
-    QV_RETURN_IF(-1 == fd, QV_FAILED);
-    if (step == MapStep::kTruncate) {
-        QV_LOG_ERROR("ftruncate failed with %d", mapping.error);
-        shm_unlink(name.c_str());
-        return QV_FAILED;
-    }
-    if (step == MapStep::kMap) {
-        QV_LOG_ERROR("mmap failed with %d", mapping.error);
-        shm_unlink(name.c_str());
-        return QV_FAILED;
-    }
+    if (CheckMapStep(step, mapping, name) != QV_OK) return QV_FAILED;
     if (mapping.old_size == 0) {
         int err = sem_init(static_cast<sem_t*>(mapping.base), 1, 1);
         if (-1 == err) munmap(mapping.base, size + kHeaderSize);
