@@ -9,6 +9,10 @@
 // directory is copied over it in order (an image holds paths relative to "/", such as
 // "zelgrot/share/..."), and the system programs the device ships are linked into "/zelgrot/bin".
 //
+// The host's killall is covered by device_killall (built beside devsandbox), which ends only the
+// device's tasks: the sandbox shares the host's processes, and a device's "killall -9 NAME" must
+// not reach programs of other sandboxes or of the host.
+//
 // Directories named with --keep (and the working directory) stay reachable even when they lie
 // below one of the covered trees, so a checkout under /tmp still works.
 //
