@@ -36,6 +36,7 @@ int MessageServer::Init(char const* socket_name, size_t socket_name_len,
     QV_RETURN_UNLESS(socket_name_len <= 108, QV_INVAL);
     QV_RETURN_UNLESS(NULL == handler_, QV_WRONG_STATE);
     QV_RETURN_UNLESS(NULL != handler, QV_INVAL);
+    QV_RETURN_IF(NULL == socket_name && socket_name_len > 0, QV_INVAL);
     handler_ = handler;
     max_message_size_ = max_message_size;
 
