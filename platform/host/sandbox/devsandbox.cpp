@@ -9,6 +9,10 @@
 // directory is copied over it in order (an image holds paths relative to "/", such as
 // "zelgrot/share/..."), and the system programs the device ships are linked into "/zelgrot/bin".
 //
+// The host's killall is covered by device_killall (built beside devsandbox), which ends only the
+// device's tasks: the sandbox shares the host's processes, and a device's "killall -9 NAME" must
+// not reach programs of other sandboxes or of the host.
+//
 // Directories named with --keep (and the working directory) stay reachable even when they lie
 // below one of the covered trees, so a checkout under /tmp still works.
 //
@@ -53,6 +57,12 @@ constexpr const char* kSkeleton[] = {
 // Programs of the host that stand in for the device's own: {device path, program name}.
 constexpr const char* kSystemPrograms[][2] = {
     {"/zelgrot/bin/sqlite3", "sqlite3"},
+};
+
+// Host programs that the sandbox covers with a stand-in of this build, found beside devsandbox:
+// {program name, stand-in}. The host's killall would reach processes outside the sandbox.
+constexpr const char* kCoveredPrograms[][2] = {
+    {"killall", "device_killall"},
 };
 
 struct Options {
@@ -203,6 +213,19 @@ std::string FindProgram(const std::string& name) {
     return {};
 }
 
+void CoverHostPrograms() {
+    std::error_code ec;
+    fs::path own_dir = fs::read_symlink("/proc/self/exe", ec).parent_path();
+    for (const auto& program : kCoveredPrograms) {
+        std::string host = FindProgram(program[0]);
+        fs::path stand_in = own_dir / program[1];
+        if (host.empty() || !fs::exists(stand_in, ec)) continue;
+        if (::mount(stand_in.c_str(), host.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+            Fail("can't cover " + host + ": " + ErrnoText());
+        }
+    }
+}
+
 void PrepareDevice(const Options& options) {
     std::error_code ec;
     for (const char* dir : kSkeleton)
@@ -218,6 +241,7 @@ void PrepareDevice(const Options& options) {
         }
         fs::create_symlink(host, program[0], ec);
     }
+    CoverHostPrograms();
 }
 
 }  // namespace
