@@ -99,7 +99,7 @@ void CurlProgramBatch(benchmark::State& state, int count, long size) {
             out << "url = \"" << Url(size) << "\"\noutput = \"/dev/null\"\n";
     }
     const std::string command = "curl --silent --fail --parallel --parallel-max " +
-                                std::to_string(count) + " --config " + config;
+                                std::to_string(count) + " --config " + config + " 2>/dev/null";
     for (auto _ : state) {
         if (std::system(command.c_str()) != 0) Die("the curl program failed");
     }
