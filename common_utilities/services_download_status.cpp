@@ -299,6 +299,19 @@ bool ServicesDownloadStatus::IsDownloadingInt() {
     return false;
 }
 
+// IsDownloadingInt and IsErrorInt in one walk, each process looked up once.
+int ServicesDownloadStatus::CombinedIndicator() const {
+    int error = 0;
+    for (const auto& entry : statuses_) {
+        const DownloadStatus& status = entry.second;
+        if ((status.status_ == 0 && (status.error_ == 0 || error != 0)) || !IsAlive(status)) continue;
+        if (status.status_ != 0) return kDownloading;
+        error = status.error_;
+    }
+    if (error == 0) return kIdle;
+    return error == DownloadStatus::kErrorNeedsUser ? kNeedsUser : kError;
+}
+
 int ServicesDownloadStatus::UpdateStatus(const DownloadStatus& status) {
     std::lock_guard<std::mutex> guard(mutex_);
     int err = LockFile();
@@ -316,14 +329,7 @@ int ServicesDownloadStatus::UpdateStatus(const DownloadStatus& status) {
         UnlockFile();
         return err;
     }
-    int error = IsErrorInt();
-    int indicator = kIdle;
-    if (IsDownloadingInt()) {
-        indicator = kDownloading;
-    } else if (error != 0) {
-        indicator = error == DownloadStatus::kErrorNeedsUser ? kNeedsUser : kError;
-    }
-    mg_set_tarvey_status(indicator);
+    mg_set_tarvey_status(CombinedIndicator());
     UnlockFile();
     return QV_OK;
 }

@@ -145,6 +145,8 @@ private:
     ServicesDownloadStatus() = default;
 
     static bool IsAlive(const DownloadStatus& status);
+    // What the indicator shows for the loaded records.
+    int CombinedIndicator() const;
     // Reads the records of `data`; a damaged one makes the file be saved anew.
     void ParseRecords(const std::string& data);
 
