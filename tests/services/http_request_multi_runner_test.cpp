@@ -147,7 +147,7 @@ TEST_F(MultiRunner, TheLoopTimerDrivesTransfersAndCallbacksStartMore) {
         stopped = true;
         qvhost_stop_event_loop();
     };
-    SetHardTimerEx("limit", limit, &stopped, 20000);
+    SetHardTimerEx("limit", limit, &stopped, 60000);
     ASSERT_EQ(0, qvhost_run_event_loop([](int, int, int) { return 0; }));
     ClearTimerEx(limit, &stopped);
     EXPECT_FALSE(stopped) << "the timer did not drive the transfers";
@@ -170,7 +170,7 @@ TEST_F(MultiRunner, EdgesOfStartingBodiesAndSleeping) {
 
     ASSERT_EQ(QV_OK, runner.PerformRequest(HttpRequest("GET", server_.Url("/bytes/10239")), keep("short")));
     ASSERT_EQ(QV_OK, runner.PerformRequest(HttpRequest("GET", server_.Url("/bytes/10240")), keep("long")));
-    ASSERT_TRUE(SleepUntil([&] { return bodies.size() == 2; }, std::chrono::seconds(20)));
+    ASSERT_TRUE(SleepUntil([&] { return bodies.size() == 2; }, std::chrono::seconds(60)));
     EXPECT_EQ(0u, bodies.count("down"));
     EXPECT_EQ(10240u, bodies["short"].size());
     EXPECT_EQ('\0', bodies["short"].back());
@@ -185,7 +185,7 @@ TEST_F(MultiRunner, EdgesOfStartingBodiesAndSleeping) {
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(120));
     start = Clock::now();
     HttpRequestMultiRunner::UsleepHandler(0);
-    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(60));
+    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(100)) << "a sleep of 0 waited";
     EXPECT_TRUE(log.Has(5, qvtest::PidLine("curl_multi_wait for 0 ms")));
 }
 
