@@ -129,6 +129,11 @@ int mg_ipc_cmd(int cmd, int arg);
  * isn't this device's cipher text comes back unchanged, both with a failure. 0 on success. */
 int mg_ipc_request(int cmd, int arg, void* buffer, int input_length, int capacity);
 
+/* The status indicator of the shell: 0 idle, 2 a background service is downloading, 3 and 5 a
+ * service reported an error (3 for the error the services call 5, 5 for any other). 0 when the
+ * shell took it. */
+int mg_set_tarvey_status(int status);
+
 /* ------------------------------------------------------------------------------------------ */
 /* State block                                                                                 */
 /* ------------------------------------------------------------------------------------------ */

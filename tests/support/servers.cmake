@@ -20,3 +20,10 @@ endif()
 set(QV_SERVER_PROCESS_SOURCES
     ${PROJECT_SOURCE_DIR}/tests/support/child_process.cpp
     ${PROJECT_SOURCE_DIR}/tests/support/server_process.cpp)
+
+# test_time_server: a network clock off by a known amount, SNTP over UDP and a Date header over
+# HTTP, each with the ways a server can let a client down.
+if(NOT TARGET test_time_server)
+    add_executable(test_time_server ${PROJECT_SOURCE_DIR}/tests/support/time_server/main.cpp)
+    qv_strict_warnings(test_time_server)
+endif()

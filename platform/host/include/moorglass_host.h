@@ -146,4 +146,20 @@ const char* qvhost_tasks_dir(void);
 }
 #endif
 
+/* ---- Status indicator (all processes; libmoorglass.so) ------------------------------------ */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* mg_set_tarvey_status keeps the indicator in "indicator" of the state directory, replaced
+ * whole at each call. The value last set by any process of the device; -1 before the first. */
+int qvhost_tarvey_status(void);
+/* Path of that file (a static buffer). */
+const char* qvhost_tarvey_status_path(void);
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif /* MOORGLASS_HOST_H */

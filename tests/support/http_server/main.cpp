@@ -1,6 +1,6 @@
 // test_http_server: the loopback HTTP and HTTPS server of the tests, benchmarks and demo.
 //
-//   test_http_server [--cert-out FILE] [--cert FILE --key FILE] [--http-port PORT]
+//   test_http_server [--cert-out FILE] [--cert FILE --key FILE] [--http-port PORT] [--threads N]
 //
 // Listens on two ephemeral ports of 127.0.0.1, plain HTTP and HTTPS with a self-signed
 // certificate made at start, and prints one line per listener and then "ready":
@@ -11,6 +11,8 @@
 // certificate (PEM) to FILE, for clients that are to trust it. --cert and --key give the TLS
 // listener a certificate and key (PEM files) made elsewhere, say signed by a test CA, instead.
 // --http-port puts the plain listener on PORT, for a server that has to appear at a known place.
+// --threads N serves up to N connections at once on each listener (httplib's default is 8), for
+// clients that open hundreds of connections together.
 
 #include <signal.h>
 
@@ -32,7 +34,9 @@ constexpr const char* kHost = "127.0.0.1";
 
 // Benchmarks send thousands of requests over one connection; the library default would close it
 // after five.
-void Configure(httplib::Server& server, qvserver::ServerState& state) {
+void Configure(httplib::Server& server, qvserver::ServerState& state, int threads) {
+    if (threads > 0)
+        server.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
     server.set_keep_alive_max_count(1000000);
     server.set_keep_alive_timeout(30);
     server.set_tcp_nodelay(true);
@@ -44,6 +48,7 @@ struct Options {
     std::string cert;
     std::string key;
     int http_port = 0;  // any
+    int threads = 0;    // httplib's default
 };
 
 Options ParseOptions(int argc, char** argv) {
@@ -60,10 +65,12 @@ Options ParseOptions(int argc, char** argv) {
             options.key = value;
         } else if (name == "--http-port") {
             options.http_port = std::stoi(value);
+        } else if (name == "--threads") {
+            options.threads = std::stoi(value);
         } else {
             throw std::runtime_error("unknown argument " + name +
                                      " (usage: test_http_server [--cert-out FILE] [--cert FILE "
-                                     "--key FILE] [--http-port PORT])");
+                                     "--key FILE] [--http-port PORT] [--threads N])");
         }
     }
     if (options.cert.empty() != options.key.empty())
@@ -111,8 +118,8 @@ int Serve(int argc, char** argv) {
     std::unique_ptr<httplib::SSLServer> tls = MakeTlsServer(options);
     httplib::SSLServer& secure = *tls;
     if (!secure.is_valid()) throw std::runtime_error("the TLS listener can't be set up");
-    Configure(plain, state);
-    Configure(secure, state);
+    Configure(plain, state, options.threads);
+    Configure(secure, state, options.threads);
     int plain_port = Bind(plain, "plain", options.http_port);
     int secure_port = Bind(secure, "TLS");
 
