@@ -17,13 +17,12 @@
 #include "child_process.h"
 #include "moorglass.h"
 #include "moorglass_host.h"
+#include "wifi_test_support.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
-
-const std::string kRequest = "/tmp/request.cfg";
 
 struct Scan {
     std::vector<apinfo_s> records;
@@ -53,17 +52,10 @@ std::vector<std::string> Names(const Scan& scan) {
     return names;
 }
 
-// Stores a network through the service's own request form, without connecting to it.
-int Store(const std::string& essid, const std::string& key, int security) {
-    std::ofstream(kRequest) << "wifi.0.essid=" << essid << "\nwifi.0.key=" << key
-                            << "\nwifi.0.security=" << security << '\n';
-    return NetAdd(kRequest.c_str());
-}
+using qvtest::Psk;
 
-std::string Psk(const char* essid, const char* passphrase) {
-    std::unique_ptr<char, decltype(&std::free)> key(wpa_passphrase(essid, passphrase, 0),
-                                                    &std::free);
-    return key ? key.get() : "(null)";
+int Store(const std::string& essid, const std::string& key, int security) {
+    return qvtest::StoreNetwork(essid, key, security);
 }
 
 void SetAir() {
@@ -229,10 +221,10 @@ TEST(WifiService, KeysAreThoseOfTheWpaPassphraseProgram) {
         auto at = program.output.find("\tpsk=");
         ASSERT_NE(at, std::string::npos) << program.output;
         std::string expected = program.output.substr(at + 5, 64);
-        EXPECT_EQ(Psk(essid.c_str(), passphrase.c_str()), expected) << essid << " / " << passphrase;
+        EXPECT_EQ(Psk(essid, passphrase), expected) << essid << " / " << passphrase;
     }
     EXPECT_EQ(Psk("Home", "1234567"), "(null)");
-    EXPECT_EQ(Psk("Home", std::string(64, 'x').c_str()), "(null)");
+    EXPECT_EQ(Psk("Home", std::string(64, 'x')), "(null)");
     EXPECT_EQ(wpa_passphrase(nullptr, "12345678", 0), nullptr);
 }
 
