@@ -402,7 +402,8 @@ int WiFiPower(int value) {
 }
 
 int qvhost_wifi_set_air(const qvhost_wifi_ap* aps, int count) {
-    if (!aps || count < 0) return qvhost::SaveAir(std::nullopt) ? 0 : -1;
+    if (count < 0) return qvhost::SaveAir(std::nullopt) ? 0 : -1;
+    if (!aps && count > 0) return -1;
     qvhost::Air air;
     for (int i = 0; i < count; ++i) {
         const qvhost_wifi_ap& ap = aps[i];

@@ -169,8 +169,8 @@ typedef struct qvhost_wifi_ap_s {
     int hidden;             /* non-zero: does not broadcast its name */
 } qvhost_wifi_ap;
 
-/* Sets the air to `count` access points (0: none in reach); `aps` NULL or `count` negative goes
- * back to the default air. 0, or -1 (nothing changed) for a name that can't be used. */
+/* Sets the air to `count` access points (0: none in reach, `aps` may then be NULL); a negative
+ * `count` goes back to the default air. 0, or -1 (nothing changed) for a name that can't be used. */
 int qvhost_wifi_set_air(const qvhost_wifi_ap* aps, int count);
 /* The access points of the air into `out` (up to `capacity`; the texts stay valid until the next
  * call from this thread): their number, or -1 for the default air. */
