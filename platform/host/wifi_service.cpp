@@ -14,14 +14,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cctype>
+#include <condition_variable>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -268,52 +269,45 @@ Air Heard() {
     return heard;
 }
 
-// The threads of NetConnectAsync. Each call reaps those that have ended; the rest are joined
-// when the process exits, so no connect outlives the service it works on.
-class ConnectThreads {
+// The thread of NetConnectAsync: started by the first call and kept for the life of the process
+// (never destroyed, so a connect still running at exit finds it whole), it runs the connects one
+// after the other, as the radio can make only one at a time.
+class ConnectWorker {
 public:
-    static ConnectThreads& Instance() {
-        static ConnectThreads instance;
-        return instance;
+    static ConnectWorker& Instance() {
+        static ConnectWorker* instance = new ConnectWorker;
+        return *instance;
     }
 
     void Start(net_connect_done done) {
         std::lock_guard<std::mutex> lock(mutex_);
-        Reap();
-        auto finished = std::make_shared<std::atomic<bool>>(false);
-        threads_.push_back({std::thread([done, finished] {
-                                int status = Connect(nullptr);
-                                if (done) done(status);
-                                finished->store(true);
-                            }),
-                            finished});
-    }
-
-    ~ConnectThreads() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (Entry& entry : threads_)
-            entry.thread.join();
+        if (!thread_started_) {
+            std::thread(&ConnectWorker::Work, this).detach();
+            thread_started_ = true;
+        }
+        pending_.push_back(done);
+        wake_.notify_one();
     }
 
 private:
-    struct Entry {
-        std::thread thread;
-        std::shared_ptr<std::atomic<bool>> finished;
-    };
-
-    void Reap() {
-        for (auto it = threads_.begin(); it != threads_.end();) {
-            if (it->finished->load()) {
-                it->thread.join();
-                it = threads_.erase(it);
-            } else {
-                ++it;
+    void Work() {
+        for (;;) {
+            net_connect_done done = nullptr;
+            {
+                std::unique_lock<std::mutex> lock(mutex_);
+                wake_.wait(lock, [this] { return !pending_.empty(); });
+                done = pending_.front();
+                pending_.pop_front();
             }
+            int status = Connect(nullptr);
+            if (done) done(status);
         }
     }
 
     std::mutex mutex_;
-    std::vector<Entry> threads_;
+    std::condition_variable wake_;
+    std::deque<net_connect_done> pending_;
+    bool thread_started_ = false;
 };
 
 }  // namespace
@@ -323,7 +317,7 @@ extern "C" {
 
 int NetConnectAsync(net_connect_done done, int /*flags*/) {
     try {
-        qvhost::ConnectThreads::Instance().Start(done);
+        qvhost::ConnectWorker::Instance().Start(done);
     } catch (const std::system_error&) {
         return NET_ERR_FAILED;
     }
