@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "link_state.h"
 #include "common_utilities/network.h"
 #include "event_loop_run.h"
 #include "moorglass.h"
@@ -284,17 +285,6 @@ int RunManager(Args& args) {
     return now == on ? kOk : kFailed;
 }
 
-std::string LinkName(int state) {
-    switch (state) {
-        case NET_STATE_CONNECTED:
-            return "up";
-        case NET_STATE_CONNECTING:
-            return "connecting";
-        default:
-            return "down";
-    }
-}
-
 int RunStatus(Args& args) {
     args.Done();
     Network& network = Network::GetInstance();
@@ -302,7 +292,7 @@ int RunStatus(Args& args) {
     Table table({"WHAT", "STATE"});
     table.AddRow({"radio", RadioOn() ? "on" : "off"});
     table.AddRow({"network manager", network.IsNetworkManagerTurnedOn() ? "on" : "off"});
-    table.AddRow({"link", LinkName(GetNetState())});
+    table.AddRow({"link", LinkStateName(GetNetState())});
     table.AddRow({"network", network.current_essid().empty() ? "-" : network.current_essid()});
     if (!network.current_essid().empty()) {
         DetailedNetworkInfo current;
