@@ -270,8 +270,10 @@ Air Heard() {
 }
 
 // The thread of NetConnectAsync: started by the first call and kept for the life of the process
-// (never destroyed, so a connect still running at exit finds it whole), it runs the connects one
-// after the other, as the radio can make only one at a time.
+// (never destroyed), it runs the connects one after the other, as the radio makes one at a time.
+// A process that exits waits for the connects it started: the service's state lives in static
+// objects, which exit destroys, and a connect cut off halfway would leave the shared link state
+// "connecting" for every process.
 class ConnectWorker {
 public:
     static ConnectWorker& Instance() {
@@ -282,14 +284,26 @@ public:
     void Start(net_connect_done done) {
         std::lock_guard<std::mutex> lock(mutex_);
         if (!thread_started_) {
+            // What a connect uses is made first, so that the wait registered after it runs
+            // before exit destroys any of it.
+            SharedNetworkBlock();
+            CurrentNetworkName();
+            std::atexit(&ConnectWorker::WaitAtExit);
             std::thread(&ConnectWorker::Work, this).detach();
             thread_started_ = true;
         }
         pending_.push_back(done);
+        ++outstanding_;
         wake_.notify_one();
     }
 
 private:
+    static void WaitAtExit() {
+        ConnectWorker& worker = Instance();
+        std::unique_lock<std::mutex> lock(worker.mutex_);
+        worker.idle_.wait(lock, [&worker] { return worker.outstanding_ == 0; });
+    }
+
     void Work() {
         for (;;) {
             net_connect_done done = nullptr;
@@ -301,12 +315,17 @@ private:
             }
             int status = Connect(nullptr);
             if (done) done(status);
+            std::lock_guard<std::mutex> lock(mutex_);
+            --outstanding_;
+            idle_.notify_all();
         }
     }
 
     std::mutex mutex_;
     std::condition_variable wake_;
+    std::condition_variable idle_;
     std::deque<net_connect_done> pending_;
+    int outstanding_ = 0;
     bool thread_started_ = false;
 };
 
