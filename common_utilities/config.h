@@ -11,6 +11,7 @@
 // saves, its file in its destructor.
 //
 // Config takes no lock: use it from one thread at a time, as the rest of the configuration layer.
+// The Wi-Fi worker never uses it: it gets a saved copy of the file it needs (see network.h).
 // Between processes the file itself is the only link, and the last save wins.
 #pragma once
 

@@ -1,6 +1,7 @@
-// The network service of the host platform. A host has no Wi-Fi manager of its own: the link
-// state and the proxy are what the host controls set, shared by every process of the sandbox.
-// A fresh device is connected and has no proxy, so that requests to loopback servers just work.
+// The network service of the host platform: the link state and the proxy, shared by every
+// process of the sandbox. The Wi-Fi service (wifi_service.cpp) moves the link as it connects and
+// drops connections; the host controls set it directly. A fresh device is connected and has no
+// proxy, so that requests to loopback servers just work.
 //
 // Requests ask QueryNetwork and get_proxy before every transfer, so these must cost next to
 // nothing: the state is a small block in a file of the state directory ("network.state") that
@@ -25,7 +26,7 @@
 #include "host_state.h"
 #include "moorglass.h"
 #include "moorglass_host.h"
-#include "wifi_networks.h"
+#include "network_state.h"
 
 namespace {
 
@@ -34,18 +35,9 @@ namespace {
 constexpr int kQueryConnected = 0x0100 | 0x0001;
 constexpr int kQueryManagerOnly = 0x0001;
 constexpr uint32_t kMagic = 0x514e5332;  // "QNS2"
-constexpr size_t kProxyCapacity = 1024;
 
-struct NetworkBlock {
-    uint32_t magic;
-    std::atomic<int32_t> state;
-    char proxy[kProxyCapacity];
-    // Behind the first fields so that a block made before they existed reads them as zero,
-    // which is their default: a network in reach, no connect asked for yet.
-    std::atomic<int32_t> unreachable;
-    std::atomic<int32_t> connect_calls;
-};
-static_assert(std::atomic<int32_t>::is_always_lock_free, "the block is shared between processes");
+using qvhost::kProxyCapacity;
+using qvhost::NetworkBlock;
 
 class FileLock {
 public:
@@ -162,7 +154,10 @@ void WriteProxy(const char* proxy) {
 extern "C" {
 
 int QueryNetwork(void) {
-    return CurrentState() == NET_STATE_CONNECTED ? kQueryConnected : kQueryManagerOnly;
+    if (CurrentState() == NET_STATE_CONNECTED) return kQueryConnected;
+    NetworkBlock* block = SharedNetworkState::Instance().Block();
+    bool manager = !block || block->manager_off.load(std::memory_order_acquire) == 0;
+    return manager ? kQueryManagerOnly : 0;
 }
 
 int GetNetState(void) {
@@ -202,22 +197,17 @@ const char* qvhost_network_path(void) {
 }  // extern "C"
 
 // ---- Bringing the link up ------------------------------------------------------------------
-// A host has no radio to wait for: NetConnect2 succeeds at once unless a test has put the device
-// out of reach of every network (or names a network the service doesn't store), and each call is
-// counted for the tests that check who connects.
+// NetConnect2 is the Wi-Fi service's (wifi_service.cpp); the block is shared with it.
+
+namespace qvhost {
+
+NetworkBlock* SharedNetworkBlock() {
+    return SharedNetworkState::Instance().Block();
+}
+
+}  // namespace qvhost
 
 extern "C" {
-
-int NetConnect2(const char* network_name, int /*flags*/) {
-    NetworkBlock* block = SharedNetworkState::Instance().Block();
-    if (!block) return -1;
-    block->connect_calls.fetch_add(1, std::memory_order_relaxed);
-    if (block->unreachable.load(std::memory_order_acquire) != 0) return -1;
-    // A named network must be one the service stores (wifi_networks.cpp).
-    if (network_name && *network_name && !qvhost::MakeCurrentNetwork(network_name)) return -1;
-    block->state.store(NET_STATE_CONNECTED, std::memory_order_release);
-    return 0;
-}
 
 void qvhost_set_network_reachable(int reachable) {
     NetworkBlock* block = SharedNetworkState::Instance().Block();

@@ -279,6 +279,41 @@ bool MakeCurrentNetwork(const std::string& essid) {
     return false;
 }
 
+std::string CurrentNetworkName() {
+    return ConnectionFile().Get("current", "");
+}
+
+std::optional<StoredCredentials> FindStoredNetwork(const std::string& essid) {
+    for (const Network& network : StoredNetworks()) {
+        if (network.essid != essid) continue;
+        return StoredCredentials{network.Text("key"), network.Text("password"),
+                                 std::atoi(network.Text("security").c_str())};
+    }
+    return std::nullopt;
+}
+
+std::vector<std::string> StoredNetworkNames() {
+    std::vector<std::string> names;
+    for (const Network& network : StoredNetworks())
+        names.push_back(network.essid);
+    return names;
+}
+
+bool ForgetStoredNetwork(const std::string& essid) {
+    EnsureStateDir();
+    bool found = false;
+    SaveConfigText(StorePath(), [&](ConfigDocument& doc) {
+        std::vector<Network> networks = NetworksOf(doc);
+        auto end = std::remove_if(networks.begin(), networks.end(),
+                                  [&](const Network& n) { return n.essid == essid; });
+        found = end != networks.end();
+        networks.erase(end, networks.end());
+        ClearNetworks(doc);
+        PutNetworks(doc, networks, IsSecretField);
+    });
+    return found;
+}
+
 }  // namespace qvhost
 
 extern "C" {
@@ -299,14 +334,14 @@ int NetAdd(const char* path) {
     std::vector<qvhost::Network> networks = qvhost::RequestedNetworks(path);
     if (networks.empty()) return -1;
     qvhost::Store(networks);
-    return NetConnect2(networks.back().essid.c_str(), 0) == 0 ? NET_OK : -2;
+    return NetConnect2(networks.back().essid.c_str(), 0);
 }
 
 net_info_s* NetInfo(void) {
     thread_local net_info_s info;
     std::memset(&info, 0, sizeof info);
     info.connected = qvhost::Connected() ? 1 : 0;
-    std::string current = qvhost::ConnectionFile().Get("current", "");
+    std::string current = qvhost::CurrentNetworkName();
     std::strncpy(info.name, current.c_str(), sizeof info.name - 1);
     return &info;
 }

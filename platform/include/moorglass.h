@@ -381,4 +381,67 @@ int OpenBook2(const char* path, int argc, char** argv, int flags);
 }
 #endif
 
+/* ------------------------------------------------------------------------------------------ */
+/* Network service: Wi-Fi control                                                             */
+/* ------------------------------------------------------------------------------------------ */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Statuses of the Wi-Fi calls below (and of NetAdd and NetConnect2): NET_OK, or one of these. */
+enum {
+    NET_ERR_FAILED = -1,    /* no such stored network, or the service can't do it */
+    NET_ERR_NOT_FOUND = -2, /* the network is not in reach */
+    NET_ERR_AUTH = -3,      /* the network refused the key */
+    NET_ERR_TIMEOUT = -4,   /* no answer in time */
+    NET_ERR_RADIO_OFF = -5  /* the radio or the network manager is off */
+};
+
+/* Security of a network, as the configuration key "security" and apinfo_s carry it. */
+enum { NET_SEC_OPEN = 0, NET_SEC_WEP = 1, NET_SEC_WPA = 2, NET_SEC_WPA2 = 3, NET_SEC_EAP = 4 };
+
+/* What a scan sees: an int32 count, then that many apinfo_s records, strongest first as the
+ * radio heard them (a name may come twice). order_value_0 is the signal quality (0..100),
+ * order_value_1 the signal level in dBm, extra_value the channel. Allocated with malloc, freed
+ * by the caller; NULL while the radio or the network manager is off. `flags` is 0. */
+void* GetWiFiScanResults(int flags);
+
+/* The calls below block until the service is done, which may take seconds. */
+/* Connects to the stored network `essid`: NET_OK once the link is up, else a NET_ERR_ status
+ * (the link is then down). */
+int NetSelect_by_ssid(const char* essid);
+/* Forgets the stored network `essid` (and drops the link if it was the connected one): NET_OK,
+ * or NET_ERR_FAILED when no network of that name is stored. */
+int NetDelete_by_ssid(const char* essid);
+/* Drops the link; NET_OK. */
+int NetDisconnect(void);
+/* Starts (non-zero) or stops the network manager, which scans and connects; stopping it drops
+ * the link. NET_OK. */
+int NetMgr(int on);
+/* 1 while the network manager runs, 0 when it is stopped, -1 when the service can't tell. */
+int NetMgrStatus(void);
+/* Puts off the timed switch-off of the network manager: NET_OK, or NET_ERR_RADIO_OFF when it
+ * doesn't run. */
+int NetMgrPing(void);
+/* The radio's power: 1 or more switches it on, 0 off (dropping the link), -1 resets it (off,
+ * as after a start); below -1 only asks. NET_OK after a change; for a question 1 (on) or 0. */
+int WiFiPower(int value);
+
+/* Called when a connection that NetConnectAsync started has ended, with its status, on a thread
+ * of the platform. Its result is not used. */
+typedef int (*net_connect_done)(int status);
+/* Starts connecting to the network the device would choose (as NetConnect2(NULL, flags)) and
+ * returns at once: NET_OK when started. `done` (may be NULL) gets the outcome. */
+int NetConnectAsync(net_connect_done done, int flags);
+
+/* The WPA pre-shared key of `passphrase` on the network `essid`: PBKDF2-HMAC-SHA1 over the name,
+ * 4096 rounds, 32 bytes, as 64 lower-case hexadecimal digits. Allocated with malloc, freed by the
+ * caller; NULL when the passphrase is not 8 to 63 characters. `flags` is 0. */
+char* wpa_passphrase(const char* essid, const char* passphrase, int flags);
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif /* MOORGLASS_H */

@@ -6,27 +6,17 @@
 #include <string>
 
 #include "cli.h"
+#include "link_state.h"
 #include "moorglass.h"
 #include "moorglass_host.h"
 
 namespace qvtool {
 namespace {
 
-std::string StateName(int state) {
-    switch (state) {
-        case NET_STATE_CONNECTED:
-            return "up";
-        case NET_STATE_CONNECTING:
-            return "connecting";
-        default:
-            return "down";
-    }
-}
-
 void PrintNetwork() {
     std::unique_ptr<char, void (*)(char*)> proxy(get_proxy(),
                                                  [](char* p) { clean_proxy_object(&p); });
-    std::cout << "network " << StateName(GetNetState()) << ", proxy "
+    std::cout << "network " << LinkStateName(GetNetState()) << ", proxy "
               << (proxy ? proxy.get() : "none") << '\n';
 }
 

@@ -162,4 +162,52 @@ const char* qvhost_tarvey_status_path(void);
 }
 #endif
 
+/* ---- Wi-Fi service (all processes; libmoorglass.so) --------------------------------------- */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The host plays a device in the air: the access points around it are a list that tests and
+ * tools set ("wifi_air.txt" in the state directory). Until a list is set the device is in reach
+ * of every network it stores, each accepting its stored key, and with no stored network
+ * NetConnect2(NULL, 0) brings up the host's own link. With a list, scans show its access points
+ * (a hidden one only when stored: the device asks for it by name), and connecting checks the
+ * stored key against the access point's passphrase (the passphrase itself or its derived key;
+ * WEP and enterprise networks compare the key or the password as they stand). */
+typedef struct qvhost_wifi_ap_s {
+    const char* essid;      /* 1 to 32 bytes, no tab or line break */
+    int security;           /* NET_SEC_* */
+    const char* passphrase; /* what the access point accepts; "" or NULL for an open one */
+    int quality;            /* 0..100, the scan's order_value_0 */
+    int level;              /* dBm, the scan's order_value_1 */
+    int channel;            /* the scan's extra_value */
+    int hidden;             /* non-zero: does not broadcast its name */
+} qvhost_wifi_ap;
+
+/* Sets the air to `count` access points (0: none in reach, `aps` may then be NULL); a negative
+ * `count` goes back to the default air. 0, or -1 (nothing changed) for a name that can't be used. */
+int qvhost_wifi_set_air(const qvhost_wifi_ap* aps, int count);
+/* The access points of the air into `out` (up to `capacity`; the texts stay valid until the next
+ * call from this thread): their number, or -1 for the default air. */
+int qvhost_wifi_air(qvhost_wifi_ap* out, int capacity);
+
+/* Outcomes the service can be told to give its connects, whatever the air says. */
+enum {
+    QVHOST_WIFI_NATURAL = 0, /* as the air and the keys decide */
+    QVHOST_WIFI_OK = 1,
+    QVHOST_WIFI_NO_NETWORK = 2, /* NET_ERR_NOT_FOUND */
+    QVHOST_WIFI_WRONG_KEY = 3,  /* NET_ERR_AUTH */
+    QVHOST_WIFI_TIMEOUT = 4     /* NET_ERR_TIMEOUT */
+};
+/* How long the blocking calls (NetAdd, NetSelect_by_ssid, NetConnect2, NetMgr) take, and the
+ * outcome of connects; kept in "network.state", for every process, until changed. */
+void qvhost_wifi_set_behaviour(int delay_ms, int outcome);
+int qvhost_wifi_delay(void);
+int qvhost_wifi_outcome(void);
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif /* MOORGLASS_HOST_H */
