@@ -135,7 +135,8 @@ int FileRefLoop(const std::string& root) {
 
 // ---- The sides -----------------------------------------------------------------------------
 
-void Measure(benchmark::State& state, const std::string& setup, const std::string& command) {
+void Measure(benchmark::State& state, const std::string& name, const std::string& setup,
+             const std::string& command) {
     MakeCollection();
     double peak = 0;
     for (auto _ : state) {
@@ -148,16 +149,16 @@ void Measure(benchmark::State& state, const std::string& setup, const std::strin
     }
     state.SetItemsProcessed(state.iterations() * kFiles);
     state.counters["peak_MB"] = peak;
-    g_peaks[state.name().substr(0, state.name().find("/repeats"))] = peak;
+    g_peaks[name] = peak;
 }
 
 void Qvtool(benchmark::State& state) {
-    Measure(state, "rm -f /mnt/ext1/system/player-2/player-2.db*",
+    Measure(state, "scan_5000/qvtool", "rm -f /mnt/ext1/system/player-2/player-2.db*",
             kQvtool + " scan --no-books " + kMusic + " >/dev/null 2>&1");
 }
 
 void FileRef(benchmark::State& state) {
-    Measure(state, "true", kSelf + " --fileref-loop " + kMusic + " >/dev/null");
+    Measure(state, "scan_5000/fileref_loop", "true", kSelf + " --fileref-loop " + kMusic + " >/dev/null");
 }
 
 void Mpd(benchmark::State& state) {
@@ -171,7 +172,7 @@ void Mpd(benchmark::State& state) {
         << "audio_output {\n  type \"null\"\n  name \"none\"\n}\n";
     // The daemon starts on an empty database, is told to update, and stops when it is done.
     const std::string socket = kMpdDir + "/socket";
-    Measure(state, "rm -f " + kMpdDir + "/database " + socket,
+    Measure(state, "scan_5000/mpd", "rm -f " + kMpdDir + "/database " + socket,
             "mpd --no-daemon " + kMpdDir + "/mpd.conf 2>/dev/null & pid=$!; "
             "while [ ! -S " + socket + " ]; do sleep 0.01; done; "
             "mpc --host " + socket + " update --wait >/dev/null && kill $pid && wait $pid");
@@ -185,7 +186,7 @@ void Beets(benchmark::State& state) {
         << "plugins: []\n"
         << "import:\n  copy: no\n  move: no\n  write: no\n  autotag: no\n  resume: no\n"
         << "  incremental: no\n  quiet: yes\n";
-    Measure(state, "rm -f " + kBeetsDir + "/library.db " + kBeetsDir + "/state.pickle",
+    Measure(state, "scan_5000/beets", "rm -f " + kBeetsDir + "/library.db " + kBeetsDir + "/state.pickle",
             "BEETSDIR=" + kBeetsDir + " beet -c " + kBeetsDir + "/config.yaml import -A -q " +
                 kMusic + " >/dev/null 2>&1");
 }
