@@ -72,8 +72,8 @@ TEST_F(TagReadingTest, TitleFallsBackToTheFileNameAndUnreadableFilesStayUntouche
 }
 
 TEST_F(TagReadingTest, ControlBytesAndEightBitTextGoThroughTheCodePage) {
-    // An ID3v1 title in cp1251 with a control byte: not valid text, so converted from the code
-    // page. A clean artist beside it is left as read.
+    // An ID3v1 title with a control byte is not taken for text and goes through the code page;
+    // a clean artist beside it is left as read.
     const std::string path = kDir + "/old.mp3";
     tagtest::MakeBareMp3(path);
     tagtest::AppendId3v1(path, "A\x01", "Plain");
