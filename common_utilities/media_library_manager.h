@@ -141,6 +141,27 @@ public:
     // The stored track of this path, or a record with id 0.
     Track getTrackByPath(const std::string& path);
 
+    // ---- Tags and playlists --------------------------------------------------------------------
+
+    // Fills `track` from the tags and properties of the file at `track.path`, which may be a
+    // member of a zip archive ("<archive>:#zip(<entry>)"). A file without a title tag is titled
+    // by its name without extension. A file that can't be read leaves the record untouched,
+    // tags_read false; nothing is logged. Text that is not valid UTF-8, or holds control bytes,
+    // is converted from encoding_.
+    static void getFileTags(Track& track);
+
+    // An extended M3U file, taken as bytes. The first line is always consumed, a header or not;
+    // without the header comment lines are ignored. Relative paths are resolved against the
+    // playlist's folder; playlist_entry keeps the line as written. An unreadable file gives an
+    // empty list.
+    static std::vector<Track> LoadPlayList(const std::string& path);
+    // Writes the header and, per track, an "#EXTINF:" line (for tags_read records) and the
+    // absolute path. QV_OK or QV_FAILED.
+    static int SavePlayList(const std::vector<Track>& tracks, const std::string& path);
+    // Every ".mp3" below `path` (titled by its file name), and with `with_playlists` the tracks
+    // of every ".m3u"/".m3u8" too, in directory order. The system tree gives nothing.
+    static std::vector<Track> playListFromDirectory(const char* path, bool with_playlists);
+
 private:
     void LoadEncoding();
 

@@ -28,6 +28,9 @@
 #include "common_utilities/qv_sqlite.h"
 
 namespace quorvel {
+namespace utilities {
+class IPlayer;
+}
 namespace audio {
 
 class QV_EXPORT AudioBooksManager {
@@ -93,7 +96,28 @@ public:
     // Ordered by position.
     std::vector<AudioBookmark> getBookmarks(int64_t bookId);
 
+    // ---- Discovery -----------------------------------------------------------------------------
+    // Offer each file of a batch with addAudioBookByPath, then call createMp3AudioBooks once.
+    //
+    // An ".m4b"/".m4a" file is a book by itself, written at once with the chapters the audio
+    // engine reports. ".mp3" and ".ogg" files wait in groups by artist and album (across folders;
+    // the file's siblings with the same extension and tags join at once), and the ".mp3" members
+    // of a ".zip" wait as one group per archive. Files a stored book already uses are passed
+    // over. Without the audio engine plug-in every file fails. QV_OK or QV_FAILED.
+    int addAudioBookByPath(const std::string& path);
+    // Adds to group `key` the files of `folder` (not its subfolders) that end in `extension`
+    // and have the group's artist and album.
+    void scanDirectoryForOtherChapters(const std::string& folder, const std::string& key,
+                                       const std::string& extension);
+    // Each waiting group becomes a book: chapters in track-number order when every track has a
+    // distinct number of at least 1, otherwise by path and numbered from 1. The groups are
+    // dropped afterwards, also those whose book could not be written.
+    void createMp3AudioBooks();
+
 private:
+    int AddContainerBook(utilities::IPlayer& player, const std::string& path);
+    int AddZipMembers(const std::string& path);
+
     utilities::DbManagerHelper db_helper_;
     utilities::Sqlite db_;
     std::vector<int64_t> storage_ids_;

@@ -19,6 +19,7 @@
 #include "boardprofile.h"
 #include "cli.h"
 #include "common_utilities/media_library_manager.h"
+#include "interrupt_guard.h"
 #include "progress.h"
 #include "table.h"
 
@@ -161,26 +162,6 @@ std::vector<Track> ReadImportFile(const std::string& name) {
     return tracks;
 }
 
-volatile std::sig_atomic_t g_interrupted = 0;
-
-// Ctrl-C stops an import between two tracks, so that what was stored is reported.
-class InterruptGuard {
-public:
-    InterruptGuard() {
-        g_interrupted = 0;
-        struct sigaction action {};
-        action.sa_handler = [](int) { g_interrupted = 1; };
-        sigemptyset(&action.sa_mask);
-        ::sigaction(SIGINT, &action, &previous_);
-    }
-    ~InterruptGuard() { ::sigaction(SIGINT, &previous_, nullptr); }
-    InterruptGuard(const InterruptGuard&) = delete;
-    InterruptGuard& operator=(const InterruptGuard&) = delete;
-
-private:
-    struct sigaction previous_ {};
-};
-
 std::set<std::string> StoredPaths(MediaLibraryManager& library) {
     std::set<std::string> paths;
     for (auto& track : library.getTracks(MediaLibraryManager::ByFilename,
@@ -200,7 +181,7 @@ int RunImport(Args& args) {
     Progress progress("importing", tracks.size());
     size_t added = 0, present = 0, failed = 0, done = 0;
     for (const Track& track : tracks) {
-        if (g_interrupted) break;
+        if (InterruptGuard::Interrupted()) break;
         if (!stored.insert(track.path).second) {
             ++present;
         } else if (library.addTrack(track) == QV_OK) {
@@ -214,7 +195,7 @@ int RunImport(Args& args) {
     std::cout << "imported " << added << " of " << tracks.size() << " tracks";
     if (present > 0) std::cout << ", " << present << " already in the library";
     std::cout << "\n";
-    if (g_interrupted) {
+    if (InterruptGuard::Interrupted()) {
         throw Failure(kInterrupted,
                       "interrupted; " + std::to_string(tracks.size() - done) + " tracks not read");
     }
