@@ -67,13 +67,17 @@ size_t Store(const uint8_t* in, size_t size, uint8_t* out) {
 }
 
 // Length of the match of `in + i` against `in + c` (c < i, 3 bytes known equal) that ends before
-// the last 4 bytes and is at most 255 long. The first stages need no limit: i <= size - 11.
+// the last 4 bytes and is at most 255 long; the limit counts only from the sixth byte on. The
+// first 8 bytes can always be read: i <= size - 11.
 size_t MatchLength(const uint8_t* in, size_t c, size_t i, size_t size) {
-    if (in[c + 3] != in[i + 3]) return 3;
-    if (in[c + 4] != in[i + 4]) return 4;
-    if (in[c + 5] != in[i + 5]) return 5;
     const size_t limit = std::min(kMaxMatch, size - 4 - i);
-    size_t length = 6;
+    const uint64_t head = Load64(in + c) ^ Load64(in + i);
+    if (head != 0) {
+        const size_t equal = static_cast<size_t>(__builtin_ctzll(head)) / 8;
+        return equal < 6 ? equal : std::min(equal, limit);
+    }
+    size_t length = 8;
+    if (length >= limit) return limit;
     while (length + 8 <= limit) {
         const uint64_t diff = Load64(in + c + length) ^ Load64(in + i + length);
         if (diff != 0) return length + static_cast<size_t>(__builtin_ctzll(diff)) / 8;
@@ -93,6 +97,26 @@ bool IsMatch(const uint8_t* in, size_t c, size_t i, size_t literals) {
     for (size_t k = i - 3; k <= i + 3; ++k)
         if (in[k] != in[i]) return false;
     return true;
+}
+
+// Appends `length` bytes copied forward from `from` at `at` (`from` < `at`, overlap allowed).
+// Far enough from the end, whole 16-byte chunks are copied (the bytes past the match that the
+// last one writes are overwritten by what follows). A source closer than 16 bytes repeats with
+// its distance as period, so the chunks read a whole number of periods back instead, once that
+// much of the match is there.
+inline void CopyMatch(uint8_t* out, size_t from, size_t at, size_t length, size_t size) {
+    const size_t distance = at - from;
+    if (size - at < length + 16) {
+        for (size_t k = 0; k < length; ++k)
+            out[at + k] = out[from + k];
+        return;
+    }
+    const size_t step = distance >= 16 ? distance : distance * ((15 + distance) / distance);
+    size_t k = 0;
+    for (; k < step - distance && k < length; ++k)
+        out[at + k] = out[from + k];
+    for (; k < length; k += 16)
+        std::memcpy(out + at + k, out + at + k - step, 16);
 }
 
 class Encoder {
@@ -271,20 +295,12 @@ Status Decompress(const void* frame, size_t available, void* destination, size_t
             state->slots[Hash(out + next)] = static_cast<uint32_t>(next + 1);
         const uint32_t slot = state->slots[hash];
         if (slot == 0 || length > size - at) return Status::kDamaged;
-        const size_t from = slot - 1;
-        if (at - from >= 8) {
-            size_t k = 0;
-            for (; k + 8 <= length; k += 8)
-                std::memcpy(out + at + k, out + from + k, 8);
-            for (; k < length; ++k)
-                out[at + k] = out[from + k];
-        } else {
-            for (size_t k = 0; k < length; ++k)
-                out[at + k] = out[from + k];
-        }
+        CopyMatch(out, slot - 1, at, length, size);
         produced = at + length;
-        for (size_t q = std::max(next, at >= 2 ? at - 2 : 0); q <= at; ++q)
-            state->slots[Hash(out + q)] = static_cast<uint32_t>(q + 1);
+        for (; next < at; ++next)
+            state->slots[Hash(out + next)] = static_cast<uint32_t>(next + 1);
+        // The match starts with the three bytes the item's hash was made of.
+        state->slots[hash] = static_cast<uint32_t>(at + 1);
         next = produced;
     }
     *data_size = size;
