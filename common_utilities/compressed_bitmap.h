@@ -74,6 +74,16 @@ struct QV_EXPORT BitBuffer {
         if (mask == 0) SkipToNextWord();
         return bit;
     }
+    // The next 16 bits without taking them, when the current word still holds that many.
+    bool Peek16(uint32_t* bits) const {
+        if (mask > (1u << 16)) return false;
+        *bits = (word / mask) & 0xFFFF;
+        return true;
+    }
+    void Skip16() {
+        mask <<= 16;
+        if (mask == 0) SkipToNextWord();
+    }
     void SkipToNextWord() {
         read_pos += 4;
         word = WordAt(read_pos);
