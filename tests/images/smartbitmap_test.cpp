@@ -35,7 +35,7 @@ const char kFewGreys[] =
 const char kManyGreys[] = "\\( -size 19x1 gradient: \\) -geometry +21+5 -composite -type Palette";
 
 // Cuts a file inside its pixel data: a PNG just after its first IDAT chunk begins, any other
-// at two thirds.
+// in the middle.
 long TruncatedSize(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -43,7 +43,7 @@ long TruncatedSize(const std::string& path) {
     if (path.size() > 4 && path.compare(path.size() - 4, 4, ".png") == 0 &&
         idat != std::string::npos)
         return static_cast<long>(idat + 10);
-    return static_cast<long>(bytes.size() * 2 / 3);
+    return static_cast<long>(bytes.size() / 2);
 }
 
 // Black on the left, white on the right, whatever depth the file had.

@@ -23,7 +23,10 @@ struct ErrorManager {
     std::longjmp(reinterpret_cast<ErrorManager*>(info->err)->jump, 1);
 }
 
-void Quiet(j_common_ptr, int) {}
+// Warnings are counted, not printed: a file that needed patching up is refused afterwards.
+void CountWarnings(j_common_ptr info, int level) {
+    if (level < 0) ++info->err->num_warnings;
+}
 
 // Kept free of objects with destructors: longjmp leaves this frame.
 bool Decode(std::FILE* file, GreyImage* image) {
@@ -31,7 +34,7 @@ bool Decode(std::FILE* file, GreyImage* image) {
     ErrorManager errors;
     info.err = jpeg_std_error(&errors.base);
     errors.base.error_exit = OnError;
-    errors.base.emit_message = Quiet;
+    errors.base.emit_message = CountWarnings;
     if (setjmp(errors.jump)) {
         jpeg_destroy_decompress(&info);
         return false;
