@@ -140,6 +140,14 @@ void AdjustTone(GreyImage& image, int brightness, int contrast) {
         p = table[p];
 }
 
+ibitmap* PhotoBitmap(GreyImage image, int box_width, int box_height, int brightness, int contrast,
+                     int proportional) {
+    if (image.empty()) return nullptr;
+    image = FitToBox(std::move(image), box_width, box_height, proportional != 0, true);
+    AdjustTone(image, brightness, contrast);
+    return ToBitmap(image);
+}
+
 void DitherTo16(GreyImage& image) {
     static const int kBayer[4][4] = {{0, 8, 2, 10}, {12, 4, 14, 6}, {3, 11, 1, 9}, {15, 7, 13, 5}};
     for (int y = 0; y < image.height; ++y)

@@ -44,6 +44,10 @@ GreyImage FitToBox(GreyImage image, int box_width, int box_height, bool proporti
                    bool may_enlarge);
 // Contrast and brightness in percent (100 = unchanged).
 void AdjustTone(GreyImage& image, int brightness, int contrast);
+// What the photo decoders (JPEG, TIFF) hand out: the picture fitted to its box (always allowed
+// to grow), toned, as a bitmap; NULL for an empty picture.
+ibitmap* PhotoBitmap(GreyImage image, int box_width, int box_height, int brightness, int contrast,
+                     int proportional);
 // Ordered dither to 16 levels (n * 17).
 void DitherTo16(GreyImage& image);
 

@@ -67,8 +67,6 @@ extern "C" ibitmap* LoadJPEG(const char* path, int width, int height, int bright
     std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path, "rb"), std::fclose);
     if (!file) return nullptr;
     qvhost::GreyImage image;
-    if (!qvhost::Decode(file.get(), &image) || image.empty()) return nullptr;
-    image = qvhost::FitToBox(std::move(image), width, height, proportional != 0, true);
-    qvhost::AdjustTone(image, brightness, contrast);
-    return qvhost::ToBitmap(image);
+    if (!qvhost::Decode(file.get(), &image)) return nullptr;
+    return qvhost::PhotoBitmap(std::move(image), width, height, brightness, contrast, proportional);
 }

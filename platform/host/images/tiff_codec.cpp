@@ -43,9 +43,6 @@ extern "C" ibitmap* LoadTIFF(const char* path, int width, int height, int bright
                              int proportional) {
     qvhost::CountDecode();
     if (path == nullptr) return nullptr;
-    qvhost::GreyImage image = qvhost::ReadTiff(path);
-    if (image.empty()) return nullptr;
-    image = qvhost::FitToBox(std::move(image), width, height, proportional != 0, true);
-    qvhost::AdjustTone(image, brightness, contrast);
-    return qvhost::ToBitmap(image);
+    return qvhost::PhotoBitmap(qvhost::ReadTiff(path), width, height, brightness, contrast,
+                               proportional);
 }
