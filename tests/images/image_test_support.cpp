@@ -1,7 +1,6 @@
 #include "image_test_support.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -26,11 +25,6 @@ int Pixel(const ibitmap* bitmap, int x, int y) {
 
 void Truncate(const std::string& path, long size) {
     ASSERT_EQ(0, ::truncate(path.c_str(), size)) << path;
-}
-
-long FileSize(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 ? static_cast<long>(info.st_size) : -1;
 }
 
 }  // namespace qvtest

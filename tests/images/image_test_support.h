@@ -17,6 +17,5 @@ std::string HalfBlackPicture();
 int Pixel(const ibitmap* bitmap, int x, int y);
 // Truncates `path` to `size` bytes.
 void Truncate(const std::string& path, long size);
-long FileSize(const std::string& path);
 
 }  // namespace qvtest
