@@ -210,4 +210,29 @@ int qvhost_wifi_outcome(void);
 }
 #endif
 
+/* ---- Images and the screen (this process; libmoorglass.so) ------------------------------ */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Theme images are PNG files in this directory of the device image, "<name>.png"; GetKeyResource
+ * hands them out at depth 4. */
+#define QVHOST_THEME_IMAGE_DIR "/zelgrot/share/theme/images"
+
+/* The screen's frame after OpenScreen (depth 8, scanline = width), NULL before. Host code that
+ * draws or updates the display writes into it; it lives until the process ends. */
+ibitmap* qvhost_framebuffer(void);
+/* Writes the screen's frame as a PNG file, so that a person can see what was drawn; 1 on
+ * success, 0 when the screen isn't open or the file can't be written. */
+int qvhost_save_screen(const char* path);
+/* How many times this process called GetKeyResource, and how many files the decoders opened
+ * (LoadPNG, LoadJPEG, LoadTIFF, LoadBitmap and LoadPNGStretch, failures included). */
+int qvhost_key_resource_calls(void);
+int qvhost_image_decodes(void);
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif /* MOORGLASS_HOST_H */
