@@ -376,6 +376,83 @@ int OpenBook2(const char* path, int argc, char** argv, int flags);
 }
 #endif
 
+
+/* ------------------------------------------------------------------------------------------ */
+/* Bitmaps and the screen                                                                      */
+/* ------------------------------------------------------------------------------------------ */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* A bitmap of the platform: one block from malloc, this header followed by the pixel rows, freed
+ * with free(). Pixels are grey levels, 0 black to the largest value white; a byte holds 8 / depth
+ * pixels, the leftmost in its high bits. Every bitmap the platform hands out belongs to the
+ * caller. */
+typedef struct ibitmap_s {
+    unsigned short width;
+    unsigned short height;
+    unsigned short depth;    /* bits per pixel: 1, 2, 4 or 8 */
+    unsigned short scanline; /* bytes per row */
+    unsigned char data[];
+} ibitmap;
+
+/* Decoders. Every one gives a bitmap of depth 8 (colour becomes grey, transparency is laid over
+ * white), or NULL when the file can't be read or isn't what its decoder reads. */
+/* A PNG file; a non-zero `dither` reduces the picture to the panel's 16 grey levels with an
+ * ordered dither, as photos are best shown. */
+ibitmap* LoadPNG(const char* path, int dither);
+/* A JPEG or TIFF file, scaled to `width` x `height` (-1 for either keeps the file's; with a
+ * non-zero `proportional` the picture fits inside the box with its proportions kept).
+ * `brightness` and `contrast` are percentages, 100 leaving the picture as it is: contrast
+ * stretches the levels away from the middle grey, brightness then scales them. */
+ibitmap* LoadJPEG(const char* path, int width, int height, int brightness, int contrast,
+                  int proportional);
+ibitmap* LoadTIFF(const char* path, int width, int height, int brightness, int contrast,
+                  int proportional);
+/* A Windows bitmap file: 1, 4, 8, 24 or 32 bits per pixel, uncompressed or with 4- and 8-bit
+ * run lengths (32 bits also with the usual bit-field masks). */
+ibitmap* LoadBitmap(const char* path);
+
+/* Flags of the stretching loaders, for the whole process. */
+enum { LOAD_IMAGE_NO_ENLARGE = 1 /* a picture smaller than the box keeps its size */ };
+/* Sets the flags; the previous ones are returned. */
+int SetLoadImageFlags(int flags);
+/* A PNG file scaled to `width` x `height` (with `proportional`, fitted inside that box). */
+ibitmap* LoadPNGStretch(const char* path, int width, int height, int dither, int proportional);
+
+/* Writers: 1 on success, 0 on failure. Both write 8-bit grey (a BMP with a grey palette),
+ * whatever the bitmap's depth; the file is replaced. */
+int SavePNG(const char* path, const ibitmap* bitmap);
+int SaveBitmap(const char* path, const ibitmap* bitmap);
+
+/* A new bitmap of the screen's depth (8), white; NULL for a size below 1 or above 65535. */
+ibitmap* NewBitmap(int width, int height);
+/* A copy of `bitmap`; NULL for NULL. */
+ibitmap* CopyBitmap(const ibitmap* bitmap);
+/* A copy of a depth-4 bitmap at depth 8, each level n becoming n * 17; NULL for any other
+ * depth. */
+ibitmap* CopyBitmapDepth4To8(const ibitmap* bitmap);
+/* The part (x, y, width, height) of `bitmap` scaled to `new_width` x `new_height`, at depth 8;
+ * NULL when the part lies outside the bitmap or a size is below 1. */
+ibitmap* BitmapStretchCopy(const ibitmap* bitmap, int x, int y, int width, int height,
+                           int new_width, int new_height);
+
+/* An image of the current theme by name ("qr_frame"), a depth-4 bitmap the caller owns, or
+ * `default_bitmap` when the theme has no such image. */
+ibitmap* GetKeyResource(const char* name, ibitmap* default_bitmap);
+
+/* Opens the screen, a white frame of ScreenWidth() x ScreenHeight() pixels at depth 8. Opening
+ * an open screen does nothing. */
+void OpenScreen(void);
+/* A copy of the part (x, y, width, height) of the screen, clipped to it; NULL when the screen
+ * isn't open or nothing of the part lies on it. */
+ibitmap* BitmapFromScreen(int x, int y, int width, int height);
+
+#ifdef __cplusplus
+}
+#endif
+
 /* ------------------------------------------------------------------------------------------ */
 /* The shell's mailbox, the scanner's parameters, display updates, theme, keyboard            */
 /* ------------------------------------------------------------------------------------------ */

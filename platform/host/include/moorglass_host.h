@@ -146,12 +146,17 @@ const char* qvhost_tasks_dir(void);
 }
 #endif
 
+<<<<<<< HEAD
 /* ---- The shell's mailbox, display updates, keyboard (libmoorglass.so) ---------------------- */
+=======
+/* ---- Images and the screen (this process; libmoorglass.so) ------------------------------ */
+>>>>>>> bitmaps
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
+<<<<<<< HEAD
 /* The shared control block `mgmpc` is the file "mgmpc" of the state directory, mapped shared by
  * every process of the device when the platform loads (unless QV_HOST_NO_SHELL_BLOCK is set to a
  * non-empty value other than "0": a device without a shell, `mgmpc` NULL). The host shell
@@ -174,6 +179,22 @@ int qvhost_keyboard_is_open(int task);
 /* Types `text` into the open keyboard of task `task` and confirms it (NULL cancels); the task's
  * handler gets it on its event loop. 0, or -1 when that keyboard isn't open. */
 int qvhost_keyboard_type(int task, const char* text);
+=======
+/* Theme images are PNG files in this directory of the device image, "<name>.png"; GetKeyResource
+ * hands them out at depth 4. */
+#define QVHOST_THEME_IMAGE_DIR "/zelgrot/share/theme/images"
+
+/* The screen's frame after OpenScreen (depth 8, scanline = width), NULL before. Host code that
+ * draws or updates the display writes into it; it lives until the process ends. */
+ibitmap* qvhost_framebuffer(void);
+/* Writes the screen's frame as a PNG file, so that a person can see what was drawn; 1 on
+ * success, 0 when the screen isn't open or the file can't be written. */
+int qvhost_save_screen(const char* path);
+/* How many times this process called GetKeyResource, and how many files the decoders opened
+ * (LoadPNG, LoadJPEG, LoadTIFF, LoadBitmap and LoadPNGStretch, failures included). */
+int qvhost_key_resource_calls(void);
+int qvhost_image_decodes(void);
+>>>>>>> bitmaps
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,51 @@
+// TIFF files through libtiff's RGBA reader, which takes every photometric kind and depth.
+
+#include <tiffio.h>
+
+#include <memory>
+#include <vector>
+
+#include "grey_image.h"
+#include "moorglass.h"
+
+namespace qvhost {
+namespace {
+
+GreyImage ReadTiff(const char* path) {
+    GreyImage image;
+    // libtiff's warnings and errors would go to the standard error stream of the application.
+    TIFFSetErrorHandler(nullptr);
+    TIFFSetWarningHandler(nullptr);
+    std::unique_ptr<TIFF, void (*)(TIFF*)> tiff(TIFFOpen(path, "r"), TIFFClose);
+    if (!tiff) return image;
+    uint32_t width = 0, height = 0;
+    TIFFGetField(tiff.get(), TIFFTAG_IMAGEWIDTH, &width);
+    TIFFGetField(tiff.get(), TIFFTAG_IMAGELENGTH, &height);
+    if (width < 1 || height < 1 || width > 65535 || height > 65535) return image;
+    std::vector<uint32_t> raster(static_cast<size_t>(width) * height);
+    if (!TIFFReadRGBAImageOriented(tiff.get(), width, height, raster.data(), ORIENTATION_TOPLEFT,
+                                   1))
+        return image;
+    image.width = static_cast<int>(width);
+    image.height = static_cast<int>(height);
+    image.pixels.resize(raster.size());
+    for (size_t i = 0; i < raster.size(); ++i) {
+        const uint32_t p = raster[i];
+        image.pixels[i] = OverWhite(Luminance(TIFFGetR(p), TIFFGetG(p), TIFFGetB(p)), TIFFGetA(p));
+    }
+    return image;
+}
+
+}  // namespace
+}  // namespace qvhost
+
+extern "C" ibitmap* LoadTIFF(const char* path, int width, int height, int brightness, int contrast,
+                             int proportional) {
+    qvhost::CountDecode();
+    if (path == nullptr) return nullptr;
+    qvhost::GreyImage image = qvhost::ReadTiff(path);
+    if (image.empty()) return nullptr;
+    image = qvhost::FitToBox(std::move(image), width, height, proportional != 0, true);
+    qvhost::AdjustTone(image, brightness, contrast);
+    return qvhost::ToBitmap(image);
+}
