@@ -522,6 +522,11 @@ const char* GetThemeString(const char* name, const char* default_value);
  * thread that the next call overwrites. */
 const char* DateStr(time_t t);
 
+/* The cover of the book at `path`, read from the book itself and fitted in `width` x `height`
+ * (-1 keeps the picture's size): a bitmap the caller frees, or NULL when the book has none the
+ * platform can read. FictionBook covers are read here; other formats need the scanner. */
+struct ibitmap_s* GetBookCover(const char* path, int width, int height);
+
 /* The on-screen keyboard. OpenKeyboard shows it with `label` (two C strings one behind the other:
  * the title, then the text of the confirm key), `buffer` of `size` bytes holding the starting text
  * (NULL and 0 for none), the platform's `flags`. When the input ends, `handler` is called on the
