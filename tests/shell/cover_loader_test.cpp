@@ -92,6 +92,7 @@ TEST_F(CoverLoaderTest, PicturesAndFictionBooksAreTheirOwnCovers) {
     // A FictionBook with its cover inside, as Base64.
     qvhost::WriteSolidPng("/tmp/cover.png", 60, 90, 0x336699);
     auto base64 = qvtest::RunProgram({"base64", "/tmp/cover.png"});
+    ::mkdir("/mnt/ext1/Books", 0755);
     std::ofstream("/mnt/ext1/Books/tale.fb2")
         << "<?xml version=\"1.0\"?><FictionBook xmlns:l=\"http://www.w3.org/1999/xlink\">"
            "<description><title-info><coverpage><image l:href=\"#c.png\"/></coverpage>"
