@@ -41,7 +41,8 @@ const std::vector<std::string>& Books() {
         std::vector<std::string> paths;
         for (int i = 0; i < kBooks; ++i) {
             auto kind = kinds[i % 4];
-            std::string path = kShelf + "/book" + std::to_string(i) + "." + qvhost::BookExtension(kind);
+            std::string path =
+                kShelf + "/book" + std::to_string(i) + "." + qvhost::BookExtension(kind);
             if (!qvhost::WriteSampleBook(kind, path, "Book " + std::to_string(i), 300 + i % 200,
                                          400 + i % 150, static_cast<unsigned>(i))) {
                 Die("cannot write " + path);
@@ -60,8 +61,10 @@ void LoadShelf() {
     for (const std::string& book : Books()) {
         SmartBitmap cover;
         int state = loader.LoadCover(book, kWidth, kHeight, 0, &cover);
-        if (state == 1) waiting.push_back(&book);
-        else if (state != 0) Die("no cover for " + book);
+        if (state == 1)
+            waiting.push_back(&book);
+        else if (state != 0)
+            Die("no cover for " + book);
     }
     auto until = std::chrono::steady_clock::now() + std::chrono::minutes(10);
     while (!waiting.empty()) {
@@ -69,7 +72,8 @@ void LoadShelf() {
         std::vector<const std::string*> still;
         for (const std::string* book : waiting) {
             SmartBitmap cover;
-            if (loader.LoadCoverFromCache(*book, kWidth, kHeight, 0, &cover) != 0) still.push_back(book);
+            if (loader.LoadCoverFromCache(*book, kWidth, kHeight, 0, &cover) != 0)
+                still.push_back(book);
         }
         waiting.swap(still);
         if (!waiting.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -89,7 +93,8 @@ void FirstPass(benchmark::State& state) {
 void CachedPass(benchmark::State& state) {
     Books();
     LoadShelf();  // makes sure every cover is in the cache
-    for (auto _ : state) LoadShelf();
+    for (auto _ : state)
+        LoadShelf();
 }
 
 void Direct(const std::string& book, const std::string& cover) {
@@ -103,7 +108,8 @@ void Direct(const std::string& book, const std::string& cover) {
             Die("pdftoppm failed on " + book);
         picture = work + "/page.png";
     } else if (ext == "epub") {
-        if (!qvscanner::RunQuietly({"unzip", "-o", "-j", "-q", book, "OEBPS/images/cover art.png", "-d", work}))
+        if (!qvscanner::RunQuietly(
+                {"unzip", "-o", "-j", "-q", book, "OEBPS/images/cover art.png", "-d", work}))
             Die("unzip failed on " + book);
         picture = work + "/cover art.png";
     }
@@ -117,7 +123,8 @@ void DirectTools(benchmark::State& state) {
     Books();
     for (auto _ : state) {
         int n = 0;
-        for (const std::string& book : Books()) Direct(book, kDirect + "/" + std::to_string(n++) + ".png");
+        for (const std::string& book : Books())
+            Direct(book, kDirect + "/" + std::to_string(n++) + ".png");
     }
 }
 
@@ -128,8 +135,12 @@ void Configure(benchmark::internal::Benchmark* benchmark) {
 }  // namespace
 
 BENCHMARK(FirstPass)->Name("covers_500/loader_first_pass")->Apply(Configure);
-BENCHMARK(CachedPass)->Name("covers_500/loader_cached")->Unit(benchmark::kMillisecond)
-    ->UseRealTime()->Repetitions(3)->ReportAggregatesOnly(true);
+BENCHMARK(CachedPass)
+    ->Name("covers_500/loader_cached")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Repetitions(3)
+    ->ReportAggregatesOnly(true);
 BENCHMARK(DirectTools)->Name("covers_500/pdftoppm_convert")->Apply(Configure);
 
 int main(int argc, char** argv) {

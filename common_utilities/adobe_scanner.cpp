@@ -23,7 +23,8 @@ constexpr int kNoWait = 2048;           // IPC_NOWAIT
 constexpr size_t kMinimumCodeLength = 8;
 
 bool EndsWith(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
 int g_scanner_queue = -1;
@@ -74,7 +75,8 @@ int RunAdobeScanner(const std::string& book, const std::string& cache_path, int 
                                    std::to_string(height)};
     if (metadata || (book.size() >= 5 && EndsWith(book, ".pdf"))) words.push_back("-metadata");
     std::vector<char*> list;
-    for (std::string& word : words) list.push_back(&word[0]);
+    for (std::string& word : words)
+        list.push_back(&word[0]);
 
     if (FindTaskByAppName(kScannerName) < 1) {
         list.push_back(nullptr);

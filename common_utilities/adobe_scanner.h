@@ -15,8 +15,8 @@ namespace utilities {
 QV_EXPORT int RunAdobeScanner(const std::string& book, const std::string& cache_path, int width,
                               int height, bool metadata);
 
-// The scanner's errors are codes among words ("_ADEPT_CORE_EXPIRED ..." or "AUTHNOTREADY"): the translation of the
-// first code that the interface has one for, else the text as it stands.
+// The scanner's errors are codes among words ("_ADEPT_CORE_EXPIRED ..." or "AUTHNOTREADY"): the
+// translation of the first code that the interface has one for, else the text as it stands.
 QV_EXPORT std::string ConvertAdobeError(const std::string& text);
 
 }  // namespace utilities

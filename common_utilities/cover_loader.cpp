@@ -66,7 +66,8 @@ std::string CoverLoader::GetImagePath(const std::string& book) {
 }
 
 std::string CoverLoader::GetImagePathByHash(const std::string& hash, int size) {
-    return cache_dir_ + "/hashed/" + std::to_string(size) + SerializationUtils::ToHex(hash) + ".png";
+    return cache_dir_ + "/hashed/" + std::to_string(size) + SerializationUtils::ToHex(hash) +
+           ".png";
 }
 
 int CoverLoader::LoadCover(const std::string& book, int w, int h, int flags, SmartBitmap* out) {
@@ -115,7 +116,8 @@ int CoverLoader::LoadCoverEx(const std::string& book, int w, int h, int flags, S
         if (cache_path == kNoCachePath) {
             // Outside the storages there is no cache file: the cover is fitted from memory, so
             // that no stray ".png" lands in the working folder to pass for every such book's.
-            out->init(BitmapStretchCopy(cover.GetBitmap(), 0, 0, cover.width(), cover.height(), w, h));
+            out->init(
+                BitmapStretchCopy(cover.GetBitmap(), 0, 0, cover.width(), cover.height(), w, h));
             return out->isEmpty() ? kNoCover : kLoaded;
         }
         mg_buildpath(cache_path.c_str());

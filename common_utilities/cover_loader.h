@@ -44,7 +44,8 @@ public:
     int LoadCoverEx(const std::string& book, int w, int h, int flags, SmartBitmap* out, bool force);
     // The cover of `book` at the cache's size, made from the book itself.
     int LoadCoverInt(const std::string& book, const std::string& cache_path, SmartBitmap* out);
-    int LoadCoverByHash(const std::string& hash, int size, int w, int h, int flags, SmartBitmap* out);
+    int LoadCoverByHash(const std::string& hash, int size, int w, int h, int flags,
+                        SmartBitmap* out);
     int LoadCoverByHashFromCache(const std::string& hash, int size, int w, int h, int flags,
                                  SmartBitmap* out);
     // Hands `book` to the scanner: 1, or 3 when it could not be started.

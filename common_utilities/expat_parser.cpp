@@ -3,7 +3,8 @@
 namespace quorvel {
 namespace utilities {
 
-ExpatParser::ExpatParser(IParser* handler) : parser_(XML_ParserCreate(nullptr)), handler_(handler) {}
+ExpatParser::ExpatParser(IParser* handler)
+    : parser_(XML_ParserCreate(nullptr)), handler_(handler) {}
 
 ExpatParser::~ExpatParser() {
     if (parser_) XML_ParserFree(parser_);
@@ -29,7 +30,8 @@ void ExpatParser::fStartElementHandler(void* user, const XML_Char* name,
                                        const XML_Char** attributes) {
     auto* self = static_cast<ExpatParser*>(user);
     IParser::Attributes map;
-    for (int i = 0; attributes[i]; i += 2) map[attributes[i]] = attributes[i + 1];
+    for (int i = 0; attributes[i]; i += 2)
+        map[attributes[i]] = attributes[i + 1];
     self->handler_->startElement(name, map);
 }
 
@@ -38,7 +40,8 @@ void ExpatParser::fEndElementHandler(void* user, const XML_Char* name) {
 }
 
 void ExpatParser::fCharacterDataHandler(void* user, const XML_Char* text, int length) {
-    static_cast<ExpatParser*>(user)->handler_->characterData(std::string(text, static_cast<size_t>(length)));
+    static_cast<ExpatParser*>(user)->handler_->characterData(
+        std::string(text, static_cast<size_t>(length)));
 }
 
 int ExpatParser::fUnknownEncodingHandler(void*, const XML_Char*, XML_Encoding*) {

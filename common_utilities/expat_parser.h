@@ -43,7 +43,8 @@ public:
                                              const XML_Char** attributes);
     static void XMLCALL fEndElementHandler(void* user, const XML_Char* name);
     static void XMLCALL fCharacterDataHandler(void* user, const XML_Char* text, int length);
-    static int XMLCALL fUnknownEncodingHandler(void* data, const XML_Char* name, XML_Encoding* info);
+    static int XMLCALL fUnknownEncodingHandler(void* data, const XML_Char* name,
+                                               XML_Encoding* info);
 
 private:
     XML_Parser parser_;

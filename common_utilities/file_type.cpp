@@ -28,7 +28,8 @@ int FileTypeManager::LoadTypesInfo(const std::string& path) {
         return QV_TIMEOUT;
     }
     char line[1024];
-    while (std::fgets(line, sizeof line, file) != nullptr) ParseExtentionInfo(line);
+    while (std::fgets(line, sizeof line, file) != nullptr)
+        ParseExtentionInfo(line);
     std::fclose(file);
     return QV_OK;
 }
@@ -67,7 +68,8 @@ FileType FileTypeManager::GetFileTypeByFilename(const std::string& name) const {
 
 std::list<std::string> FileTypeManager::GetExtensions() {
     std::list<std::string> extensions;
-    for (const auto& entry : types_) extensions.push_back(entry.first);
+    for (const auto& entry : types_)
+        extensions.push_back(entry.first);
     return extensions;
 }
 

@@ -83,7 +83,8 @@ void Keyboard::Forget(KeyboardListener* listener) {
 
 void Keyboard::ForEachListener(const std::function<void(KeyboardListener*)>& call) {
     std::vector<std::pair<KeyboardListener*, unsigned int>> round;
-    for (const auto& entry : listeners_) round.emplace_back(entry.first, entry.second.id);
+    for (const auto& entry : listeners_)
+        round.emplace_back(entry.first, entry.second.id);
     for (const auto& member : round) {
         auto it = listeners_.find(member.first);
         if (it != listeners_.end() && it->second.id == member.second) call(member.first);
@@ -95,7 +96,8 @@ void Keyboard::DropOneShots() {
     for (const auto& entry : listeners_) {
         if (entry.second.one_shot) done.push_back(entry.first);
     }
-    for (KeyboardListener* listener : done) RemoveListener(listener);
+    for (KeyboardListener* listener : done)
+        RemoveListener(listener);
 }
 
 void Keyboard::Open() {

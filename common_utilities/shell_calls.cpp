@@ -70,7 +70,8 @@ bool InProgress() {
 }
 
 void ClaimQuietly(int32_t query) {
-    while (!TryClaim(query)) usleep(kAnswerPollUs);
+    while (!TryClaim(query))
+        usleep(kAnswerPollUs);
 }
 
 // Posts a request that the shell answers, waits for the answer, frees the mailbox.
@@ -80,7 +81,8 @@ int32_t Ask(int32_t query, const std::vector<unsigned char>& body) {
         Store(&mgmpc->uiquery, MG_UIQUERY_FREE);
         return -1;
     }
-    while (InProgress()) usleep(kAnswerPollUs);
+    while (InProgress())
+        usleep(kAnswerPollUs);
     int32_t answer = Load(&mgmpc->uistatus);
     Store(&mgmpc->uiquery, MG_UIQUERY_FREE);
     return answer;
@@ -100,7 +102,8 @@ void SystemMessage(int icon, const std::string& title, const std::string& text, 
         Store(&mgmpc->uiquery, MG_UIQUERY_FREE);
         return;
     }
-    while (Load(&mgmpc->uistatus) != MG_UISTATUS_SHOWN) usleep(kAnswerPollUs);
+    while (Load(&mgmpc->uistatus) != MG_UISTATUS_SHOWN)
+        usleep(kAnswerPollUs);
     usleep(kMessageLingerUs);
     Store(&mgmpc->uiquery, MG_UIQUERY_FREE);
 }

@@ -16,7 +16,8 @@ namespace {
 constexpr std::streamoff kMaxBook = 64 << 20;
 
 std::string Lower(std::string text) {
-    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    for (char& c : text)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     return text;
 }
 
@@ -71,7 +72,8 @@ std::string FictionBookCover(const std::string& xml, std::string* type) {
     std::string href = Attribute(xml, image, "href");
     if (href.size() < 2 || href[0] != '#') return "";
     std::string id = href.substr(1);
-    for (size_t pos = xml.find("<binary"); pos != std::string::npos; pos = xml.find("<binary", pos + 1)) {
+    for (size_t pos = xml.find("<binary"); pos != std::string::npos;
+         pos = xml.find("<binary", pos + 1)) {
         if (Attribute(xml, pos, "id") != id) continue;
         *type = Lower(Attribute(xml, pos, "content-type"));
         size_t start = xml.find('>', pos);
@@ -90,7 +92,8 @@ ibitmap* Decode(const std::string& image, const std::string& type, int width, in
     ::close(fd);
     ibitmap* bitmap = nullptr;
     if (written && type == "image/png") {
-        bitmap = (width > 0 && height > 0) ? LoadPNGStretch(path, width, height, 0, 1) : LoadPNG(path, 0);
+        bitmap = (width > 0 && height > 0) ? LoadPNGStretch(path, width, height, 0, 1)
+                                           : LoadPNG(path, 0);
     } else if (written && (type == "image/jpeg" || type == "image/jpg")) {
         bitmap = LoadJPEG(path, width, height, 100, 100, 1);
     }

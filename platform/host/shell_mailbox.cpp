@@ -95,7 +95,8 @@ int qvhost_unpack_parameters(const void* block, int size, char*** list) {
 
 void qvhost_free_parameters(char** list) {
     if (list == nullptr) return;
-    for (char** entry = list; *entry; ++entry) std::free(*entry);
+    for (char** entry = list; *entry; ++entry)
+        std::free(*entry);
     std::free(list);
 }
 

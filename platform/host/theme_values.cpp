@@ -64,7 +64,8 @@ const char* GetThemeString(const char* name, const char* default_value) {
 const char* DateStr(time_t t) {
     static thread_local char text[64];
     struct tm local;
-    if (localtime_r(&t, &local) == nullptr || std::strftime(text, sizeof text, DateFormat(), &local) == 0) {
+    if (localtime_r(&t, &local) == nullptr ||
+        std::strftime(text, sizeof text, DateFormat(), &local) == 0) {
         text[0] = '\0';
     }
     return text;

@@ -80,8 +80,10 @@ TEST_F(CoverLoaderTest, ScannerMadeCoversComeFromTheCacheLater) {
 
 TEST_F(CoverLoaderTest, PicturesAndFictionBooksAreTheirOwnCovers) {
     CoverLoader loader;
-    ASSERT_TRUE(qvhost::WriteSampleBook(BookKind::kPng, "/mnt/ext1/Pictures/wide.png", "", 330, 290, 1));
-    ASSERT_TRUE(qvhost::WriteSampleBook(BookKind::kJpeg, "/mnt/ext1/Pictures/small.jpg", "", 20, 40, 2));
+    ASSERT_TRUE(
+        qvhost::WriteSampleBook(BookKind::kPng, "/mnt/ext1/Pictures/wide.png", "", 330, 290, 1));
+    ASSERT_TRUE(
+        qvhost::WriteSampleBook(BookKind::kJpeg, "/mnt/ext1/Pictures/small.jpg", "", 20, 40, 2));
     SmartBitmap wide, small;
     EXPECT_EQ(loader.LoadCover("/mnt/ext1/Pictures/wide.png", 400, 400, 0, &wide), 0);
     EXPECT_EQ(qvtest::PngSize(kCache + "/1/Pictures/wide.png.png"), std::make_pair(165, 145));
@@ -139,7 +141,8 @@ TEST_F(CoverLoaderTest, PendingBooksAreNotHandedOverTwice) {
         text << in.rdbuf();
         return text.str();
     };
-    for (int i = 0; i < 400 && scanner_log().empty(); ++i) std::this_thread::sleep_for(50ms);
+    for (int i = 0; i < 400 && scanner_log().empty(); ++i)
+        std::this_thread::sleep_for(50ms);
     EXPECT_EQ(loader.LoadCover("/mnt/ext1/broken.pdf", 10, 10, 0, &cover), 1)
         << "a book the scanner failed on stays pending";
     EXPECT_EQ(FindTaskByAppName("adobescanner.app"), scanner);

@@ -27,7 +27,9 @@ int NoEvents(int, int, int) {
 class Recorder : public KeyboardListener {
 public:
     Recorder(std::string name, std::string* log) : name_(std::move(name)), log_(log) {}
-    void hasClosed(bool cancelled) override { *log_ += name_ + (cancelled ? ":cancel " : ":closed "); }
+    void hasClosed(bool cancelled) override {
+        *log_ += name_ + (cancelled ? ":cancel " : ":closed ");
+    }
     void hasOpened() override { *log_ += name_ + ":open "; }
     void textEntered(std::string text) override { *log_ += name_ + ":text=" + text + " "; }
 

@@ -41,10 +41,10 @@ TEST(Scanner, MakesFittedCoversOfEveryFormat) {
         std::pair<int, int> expected;
     };
     const Case cases[] = {
-        {BookKind::kPdf, 330, 290, {165, 145}},   // wider than the box: the width decides
-        {BookKind::kEpub, 100, 400, {73, 290}},   // taller: the height decides
+        {BookKind::kPdf, 330, 290, {165, 145}},  // wider than the box: the width decides
+        {BookKind::kEpub, 100, 400, {73, 290}},  // taller: the height decides
         {BookKind::kDjvu, 200, 200, {165, 165}},
-        {BookKind::kPng, 50, 60, {165, 198}},     // small covers grow
+        {BookKind::kPng, 50, 60, {165, 198}},  // small covers grow
         {BookKind::kJpeg, 165, 290, {165, 290}},
     };
     for (const Case& c : cases) {
@@ -60,19 +60,24 @@ TEST(Scanner, MakesFittedCoversOfEveryFormat) {
     // A PDF of another maker: PostScript through Ghostscript.
     std::ofstream("/tmp/page.ps") << "%!PS\n<< /PageSize [200 100] >> setpagedevice\n"
                                      "0.2 0.4 0.8 setrgbcolor 0 0 200 100 rectfill showpage\n";
-    ASSERT_TRUE(qvtest::RunProgram({"ps2pdf", "/tmp/page.ps", "/mnt/ext1/Books/gs.pdf"}).Succeeded());
+    ASSERT_TRUE(
+        qvtest::RunProgram({"ps2pdf", "/tmp/page.ps", "/mnt/ext1/Books/gs.pdf"}).Succeeded());
     ASSERT_TRUE(Scan("/mnt/ext1/Books/gs.pdf", "/tmp/gs.png").Succeeded());
     EXPECT_EQ(PngSize("/tmp/gs.png"), std::make_pair(165, 83));
 }
 
 TEST(Scanner, WritesMetadataAndNothingForUnreadableBooks) {
     ::setenv("QV_SCANNER_IDLE_MS", "1", 1);
-    ASSERT_TRUE(qvhost::WriteSampleBook(BookKind::kEpub, "/mnt/ext1/a.epub", "Tom & Jerry", 60, 80, 1));
+    ASSERT_TRUE(
+        qvhost::WriteSampleBook(BookKind::kEpub, "/mnt/ext1/a.epub", "Tom & Jerry", 60, 80, 1));
     ASSERT_TRUE(Scan("/mnt/ext1/a.epub", "/tmp/c/a.epub.png", true).Succeeded());
-    EXPECT_EQ(ReadAll("/tmp/c/a.epub.metadata"), "title=Tom & Jerry\nauthor=Sample Press\npages=\n");
-    ASSERT_TRUE(qvhost::WriteSampleBook(BookKind::kPdf, "/mnt/ext1/b.pdf", "Report (draft)", 60, 80, 1));
+    EXPECT_EQ(ReadAll("/tmp/c/a.epub.metadata"),
+              "title=Tom & Jerry\nauthor=Sample Press\npages=\n");
+    ASSERT_TRUE(
+        qvhost::WriteSampleBook(BookKind::kPdf, "/mnt/ext1/b.pdf", "Report (draft)", 60, 80, 1));
     ASSERT_TRUE(Scan("/mnt/ext1/b.pdf", "/tmp/c/b.pdf.png", true).Succeeded());
-    EXPECT_EQ(ReadAll("/tmp/c/b.pdf.metadata"), "title=Report (draft)\nauthor=Sample Press\npages=1\n");
+    EXPECT_EQ(ReadAll("/tmp/c/b.pdf.metadata"),
+              "title=Report (draft)\nauthor=Sample Press\npages=1\n");
 
     std::ofstream("/mnt/ext1/broken.pdf") << "%PDF-1.4 not really";
     std::ofstream("/mnt/ext1/broken.epub") << "PK not really";
@@ -88,20 +93,23 @@ TEST(Scanner, WritesMetadataAndNothingForUnreadableBooks) {
 TEST(Scanner, StartedOnceThenFedThroughItsQueue) {
     ::setenv("QV_SCANNER_IDLE_MS", "5000", 1);
     for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(qvhost::WriteSampleBook(BookKind::kPdf, "/mnt/ext1/p" + std::to_string(i) + ".pdf",
-                                            "P", 100, 100, i));
+        ASSERT_TRUE(qvhost::WriteSampleBook(
+            BookKind::kPdf, "/mnt/ext1/p" + std::to_string(i) + ".pdf", "P", 100, 100, i));
     }
     ASSERT_TRUE(qvhost::WriteSampleBook(BookKind::kPng, "/mnt/ext1/i.png", "I", 10, 10, 1));
     EXPECT_EQ(FindTaskByAppName("adobescanner.app"), -1);
-    EXPECT_EQ(quorvel::utilities::RunAdobeScanner("/mnt/ext1/p0.pdf", "/tmp/q/p0.png", 50, 50, false), 0);
+    EXPECT_EQ(
+        quorvel::utilities::RunAdobeScanner("/mnt/ext1/p0.pdf", "/tmp/q/p0.png", 50, 50, false), 0);
     int task = FindTaskByAppName("adobescanner.app");
     EXPECT_GT(task, 0);
     for (int i = 1; i < 3; ++i) {
         std::string n = std::to_string(i);
-        EXPECT_EQ(quorvel::utilities::RunAdobeScanner("/mnt/ext1/p" + n + ".pdf", "/tmp/q/p" + n + ".png",
-                                                      50, 50, false), 0);
+        EXPECT_EQ(quorvel::utilities::RunAdobeScanner("/mnt/ext1/p" + n + ".pdf",
+                                                      "/tmp/q/p" + n + ".png", 50, 50, false),
+                  0);
     }
-    EXPECT_EQ(quorvel::utilities::RunAdobeScanner("/mnt/ext1/i.png", "/tmp/q/i.png", 40, 40, false), 0);
+    EXPECT_EQ(quorvel::utilities::RunAdobeScanner("/mnt/ext1/i.png", "/tmp/q/i.png", 40, 40, false),
+              0);
     for (const char* cover : {"/tmp/q/p0.png", "/tmp/q/p1.png", "/tmp/q/p2.png", "/tmp/q/i.png"}) {
         EXPECT_TRUE(qvtest::WaitForFile(cover, 20s)) << cover;
     }

@@ -63,13 +63,15 @@ std::vector<std::vector<std::string>> ShellLog() {
     std::vector<std::vector<std::string>> lines;
     std::ifstream in(qvhost::ShellServer::LogPath());
     std::string line;
-    while (std::getline(in, line)) lines.push_back(qvhost::SplitShellLogLine(line));
+    while (std::getline(in, line))
+        lines.push_back(qvhost::SplitShellLogLine(line));
     return lines;
 }
 
 // The host shell program, started with `answers`, ready when it says so.
 qvtest::ChildProcess StartShell(const std::string& answers) {
-    auto shell = qvtest::ChildProcess::Run({qvtest::BuildProgram("host_shell"), "--answers", answers});
+    auto shell =
+        qvtest::ChildProcess::Run({qvtest::BuildProgram("host_shell"), "--answers", answers});
     auto until = std::chrono::steady_clock::now() + 10s;
     while (!qvtest::Contains(shell.OutputSoFar(), "shell ready") &&
            std::chrono::steady_clock::now() < until) {
@@ -95,7 +97,8 @@ TEST(ShellMailbox, BodiesArePackedByteForByte) {
 
     ASSERT_EQ(WaitForRequest(), MG_UIQUERY_MESSAGE);
     Bytes message;
-    for (int32_t n : {7, 6, 10, 3000}) Append(&message, n);
+    for (int32_t n : {7, 6, 10, 3000})
+        Append(&message, n);
     Append(&message, "Title");
     Append(&message, "Some text");
     EXPECT_EQ(Posted(message.size()), message);
@@ -103,8 +106,10 @@ TEST(ShellMailbox, BodiesArePackedByteForByte) {
 
     ASSERT_EQ(WaitForRequest(), MG_UIQUERY_DIALOG);
     Bytes dialog;
-    for (int32_t n : {2, 8, 24, 7, 5}) Append(&dialog, n);
-    for (const char* text : {"Delete?", "The book goes for good.", "Delete", "Keep"}) Append(&dialog, text);
+    for (int32_t n : {2, 8, 24, 7, 5})
+        Append(&dialog, n);
+    for (const char* text : {"Delete?", "The book goes for good.", "Delete", "Keep"})
+        Append(&dialog, text);
     EXPECT_EQ(Posted(dialog.size()), dialog);
     SetStatus(MG_UISTATUS_SHOWN);
     std::this_thread::sleep_for(100ms);
@@ -156,7 +161,10 @@ TEST(ShellMailbox, RequestsOfSeveralProcessesTakeTurns) {
     for (int i = 0; i < 4; ++i) {
         askers.push_back(qvtest::ChildProcess::Start([i] {
             std::string n = std::to_string(i);
-            return SystemDialog(i, "title " + n, "text " + n, "a" + n, "b" + n) == MG_UIANSWER_BUTTON1 ? 0 : 1;
+            return SystemDialog(i, "title " + n, "text " + n, "a" + n, "b" + n) ==
+                           MG_UIANSWER_BUTTON1
+                       ? 0
+                       : 1;
         }));
     }
     std::this_thread::sleep_for(300ms);
@@ -183,7 +191,8 @@ TEST(ShellMailbox, RequestsOfSeveralProcessesTakeTurns) {
 TEST(ShellMailbox, DamagedBodiesAndAMissingBlock) {
     qvhost::ShellRequest request;
     Bytes body;
-    for (int32_t n : {0, 6, 3, 0}) Append(&body, n);
+    for (int32_t n : {0, 6, 3, 0})
+        Append(&body, n);
     Append(&body, "Title");
     Append(&body, "ab");
     EXPECT_TRUE(qvhost::ParseShellRequest(MG_UIQUERY_MESSAGE, body.data(), body.size(), &request));

@@ -5,9 +5,9 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <map>
 #include <ctime>
 #include <fstream>
+#include <map>
 #include <sstream>
 
 #include "child_process.h"
@@ -28,7 +28,8 @@ std::vector<std::string> DisplayLog() {
     std::vector<std::string> lines;
     std::ifstream in(qvhost_display_log_path());
     std::string line;
-    while (std::getline(in, line)) lines.push_back(line);
+    while (std::getline(in, line))
+        lines.push_back(line);
     return lines;
 }
 
@@ -92,7 +93,8 @@ public:
     void startElement(const std::string& name, const Attributes& attributes) override {
         seen += "<" + name;
         std::map<std::string, std::string> sorted(attributes.begin(), attributes.end());
-        for (const auto& a : sorted) seen += " " + a.first + "=" + a.second;
+        for (const auto& a : sorted)
+            seen += " " + a.first + "=" + a.second;
         seen += ">";
     }
     void endElement(const std::string& name) override { seen += "</" + name + ">"; }
@@ -103,9 +105,11 @@ TEST(ExpatParser, ParsesInPiecesAndInSeveralEncodings) {
     Recorder recorder;
     ExpatParser parser(&recorder);
     parser.init(nullptr);
-    std::string doc = "<?xml version=\"1.0\" encoding=\"UTF-8\"?><a x=\"1\" y=\"\xc3\xa9\">K\xc3\xb6ln<b/></a>";
+    std::string doc =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?><a x=\"1\" y=\"\xc3\xa9\">K\xc3\xb6ln<b/></a>";
     for (size_t i = 0; i < doc.size(); i += 7) {
-        ASSERT_TRUE(parser.parse(doc.data() + i, static_cast<unsigned>(std::min<size_t>(7, doc.size() - i))));
+        ASSERT_TRUE(parser.parse(doc.data() + i,
+                                 static_cast<unsigned>(std::min<size_t>(7, doc.size() - i))));
     }
     std::string text;
     for (size_t i = recorder.seen.find('>') + 1; i < recorder.seen.size(); ++i) {
@@ -117,9 +121,14 @@ TEST(ExpatParser, ParsesInPiecesAndInSeveralEncodings) {
 
     recorder.seen.clear();
     parser.init("ISO-8859-1");
-    std::string latin = "<t>Stra\xdf" "e</t>";
+    std::string latin =
+        "<t>Stra\xdf"
+        "e</t>";
     EXPECT_TRUE(parser.parse(latin.data(), static_cast<unsigned>(latin.size())));
-    EXPECT_EQ(recorder.seen, "reset;<t>Stra\xc3\x9f" "e</t>") << "Latin-1 arrives as UTF-8";
+    EXPECT_EQ(recorder.seen,
+              "reset;<t>Stra\xc3\x9f"
+              "e</t>")
+        << "Latin-1 arrives as UTF-8";
 
     recorder.seen.clear();
     parser.init(nullptr);
@@ -180,8 +189,8 @@ TEST(FileTypes, UserTableOverridesTheSystemTable) {
     std::ofstream("/mnt/ext1/system/config/extensions.cfg")
         << "pdf:myviewer.app:1:ICON_MINE:My PDF\n"
         << "xyz::prog:::1:ICON_X:Mine\n"  // runs of ':' count as one
-        << "short:a:1:b\n"             // four fields: nothing
-        << "cbz:comics.app:7:ICON:C";  // no line end on the last line
+        << "short:a:1:b\n"                // four fields: nothing
+        << "cbz:comics.app:7:ICON:C";     // no line end on the last line
     FileTypeManager types;
     EXPECT_EQ(types.LoadTypesInfo(), 0);
     FileType pdf = types.GetFileTypeByFilename("/mnt/ext1/Books/Report.PDF");

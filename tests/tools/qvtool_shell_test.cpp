@@ -13,7 +13,8 @@ using qvtest::Contains;
 using qvtest::Qvtool;
 
 TEST(QvtoolShell, ShellAnswersTheOtherCommands) {
-    auto shell = qvtest::ChildProcess::Run({qvtest::BuildProgram("qvtool"), "shell", "--answers", "2"});
+    auto shell =
+        qvtest::ChildProcess::Run({qvtest::BuildProgram("qvtool"), "shell", "--answers", "2"});
     for (int i = 0; i < 400 && !Contains(shell.OutputSoFar(), "shell ready"); ++i) {
         std::this_thread::sleep_for(10ms);
     }
@@ -34,7 +35,8 @@ TEST(QvtoolShell, ShellAnswersTheOtherCommands) {
 TEST(QvtoolShell, CoversOfAShelfAndFileTypes) {
     auto books = Qvtool({"host", "books", "--count", "5", "/mnt/ext1/Shelf"});
     ASSERT_EQ(books.exit_code, 0) << books.Describe();
-    auto covers = Qvtool({"covers", "--size", "60x80", "--sheet", "/tmp/sheet.png", "/mnt/ext1/Shelf"});
+    auto covers =
+        Qvtool({"covers", "--size", "60x80", "--sheet", "/tmp/sheet.png", "/mnt/ext1/Shelf"});
     EXPECT_EQ(covers.exit_code, 0) << covers.Describe();
     EXPECT_TRUE(Contains(covers.output, "5 covers of 5 books (3 made by the scanner, 0 without)"))
         << covers.output;
@@ -43,7 +45,8 @@ TEST(QvtoolShell, CoversOfAShelfAndFileTypes) {
     auto cover = Qvtool({"cover", "/mnt/ext1/Shelf/book1.pdf"});
     EXPECT_EQ(cover.exit_code, 0) << cover.Describe();
     EXPECT_TRUE(Contains(cover.output, "state 0 (loaded)")) << cover.output;
-    EXPECT_TRUE(Contains(cover.output, "cache /mnt/ext1/system/cover_chache/1/Shelf/book1.pdf.png"));
+    EXPECT_TRUE(
+        Contains(cover.output, "cache /mnt/ext1/system/cover_chache/1/Shelf/book1.pdf.png"));
     EXPECT_EQ(Qvtool({"cover", "/mnt/ext1/none.pdf"}).exit_code, 3);
 
     auto type = Qvtool({"filetype", "Novel.EPUB"});

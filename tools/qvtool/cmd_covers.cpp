@@ -27,10 +27,14 @@ constexpr auto kScannerPatience = std::chrono::seconds(120);
 
 const char* StateName(int state) {
     switch (state) {
-        case 0: return "loaded";
-        case 1: return "being made by the scanner";
-        case 2: return "no cover";
-        default: return "bad request or the scanner did not start";
+        case 0:
+            return "loaded";
+        case 1:
+            return "being made by the scanner";
+        case 2:
+            return "no cover";
+        default:
+            return "bad request or the scanner did not start";
     }
 }
 
@@ -133,12 +137,14 @@ int RunCovers(Args& args) {
     size_t done = 0, scanned = 0;
     auto until = std::chrono::steady_clock::now() + kScannerPatience;
     // First every book once, then the scanner's books again until their cache files are there.
-    for (bool first = true; done < books.size() && std::chrono::steady_clock::now() < until; first = false) {
+    for (bool first = true; done < books.size() && std::chrono::steady_clock::now() < until;
+         first = false) {
         for (size_t i = 0; i < books.size(); ++i) {
             if (states[i] != 1) continue;
             SmartBitmap cover;
-            states[i] = first ? loader.LoadCover(books[i], box.first, box.second, 0, &cover)
-                              : loader.LoadCoverFromCache(books[i], box.first, box.second, 0, &cover);
+            states[i] = first
+                            ? loader.LoadCover(books[i], box.first, box.second, 0, &cover)
+                            : loader.LoadCoverFromCache(books[i], box.first, box.second, 0, &cover);
             if (!first && states[i] == 2) states[i] = 1;
             if (first && states[i] == 1) ++scanned;
             if (states[i] != 1) {
@@ -154,7 +160,8 @@ int RunCovers(Args& args) {
               << " made by the scanner, " << books.size() - made << " without)\n";
     if (sheet_path) {
         std::vector<SmartBitmap> shown;
-        for (size_t i = 0; i < books.size(); ++i) if (states[i] == 0) shown.push_back(covers[i]);
+        for (size_t i = 0; i < books.size(); ++i)
+            if (states[i] == 0) shown.push_back(covers[i]);
         if (!shown.empty()) WriteSheet(*sheet_path, shown, box);
         std::cout << "sheet " << *sheet_path << "\n";
     }
@@ -175,10 +182,12 @@ int RunFiletype(Args& args) {
                   << "\t" << description << "\n";
     };
     if (list) {
-        for (const std::string& ext : types.GetExtensions()) show(types.GetFileTypeByExt(ext));
+        for (const std::string& ext : types.GetExtensions())
+            show(types.GetFileTypeByExt(ext));
         return kOk;
     }
-    auto type = types.GetFileTypeByFilename(name->find('.') == std::string::npos ? "." + *name : *name);
+    auto type =
+        types.GetFileTypeByFilename(name->find('.') == std::string::npos ? "." + *name : *name);
     if (type.extension.empty()) throw Failure(kNotFound, "no file type for " + *name);
     show(type);
     return kOk;
@@ -196,9 +205,11 @@ int RunHostBooks(Args& args) {
     Progress progress("books", static_cast<uint64_t>(count));
     for (long long i = 0; i < count; ++i) {
         auto kind = kinds[i % 5];
-        std::string name = dir + "/book" + std::to_string(i + 1) + "." + qvhost::BookExtension(kind);
+        std::string name =
+            dir + "/book" + std::to_string(i + 1) + "." + qvhost::BookExtension(kind);
         // Covers of several shapes: tall, square-ish and wide.
-        int width = 120 + static_cast<int>(i * 37 % 200), height = 160 + static_cast<int>(i * 53 % 160);
+        int width = 120 + static_cast<int>(i * 37 % 200),
+            height = 160 + static_cast<int>(i * 53 % 160);
         if (!qvhost::WriteSampleBook(kind, name, "Book " + std::to_string(i + 1), width, height,
                                      static_cast<unsigned>(i)))
             throw Failure(kFailed, "cannot write " + name);

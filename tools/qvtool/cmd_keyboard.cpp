@@ -32,7 +32,8 @@ int RunKeyboard(Args& args) {
     std::thread typist([task] {
         std::string line;
         bool got = static_cast<bool>(std::getline(std::cin, line));
-        while (!qvhost_keyboard_is_open(task)) std::this_thread::yield();
+        while (!qvhost_keyboard_is_open(task))
+            std::this_thread::yield();
         qvhost_keyboard_type(task, got ? line.c_str() : nullptr);
     });
     bool answered = false;

@@ -99,12 +99,14 @@ int RunDialog(Args& args) {
     std::string button1 = args.Next("BUTTON1");
     std::string button2 = args.NextOptional().value_or("");
     args.Done();
-    int answer = Ask([&] {
-        return quorvel::utilities::SystemDialog(icon, title, text, button1, button2);
-    });
-    if (answer == MG_UIANSWER_BUTTON1) std::cout << "button 1: " << button1 << "\n";
-    else if (answer == MG_UIANSWER_BUTTON2) std::cout << "button 2: " << button2 << "\n";
-    else std::cout << "no button (answer " << answer << ")\n";
+    int answer =
+        Ask([&] { return quorvel::utilities::SystemDialog(icon, title, text, button1, button2); });
+    if (answer == MG_UIANSWER_BUTTON1)
+        std::cout << "button 1: " << button1 << "\n";
+    else if (answer == MG_UIANSWER_BUTTON2)
+        std::cout << "button 2: " << button2 << "\n";
+    else
+        std::cout << "no button (answer " << answer << ")\n";
     return kOk;
 }
 
@@ -137,17 +139,16 @@ const bool registered_message = Register(
      "Exits 4 when the device has no shell mailbox.\n",
      RunMessage});
 
-const bool registered_dialog = Register(
-    {"dialog", "ask a question with two buttons through the shell",
-     "usage: qvtool dialog [--icon N] TITLE TEXT BUTTON1 [BUTTON2]\n"
-     "Waits for the answer and prints the button taken.\n",
-     RunDialog});
+const bool registered_dialog =
+    Register({"dialog", "ask a question with two buttons through the shell",
+              "usage: qvtool dialog [--icon N] TITLE TEXT BUTTON1 [BUTTON2]\n"
+              "Waits for the answer and prints the button taken.\n",
+              RunDialog});
 
-const bool registered_open = Register(
-    {"open", "ask the shell to open a book",
-     "usage: qvtool open BOOK\n"
-     "Exits 3 when BOOK does not exist.\n",
-     RunOpen});
+const bool registered_open = Register({"open", "ask the shell to open a book",
+                                       "usage: qvtool open BOOK\n"
+                                       "Exits 3 when BOOK does not exist.\n",
+                                       RunOpen});
 
 }  // namespace
 }  // namespace qvtool

@@ -21,7 +21,8 @@ namespace qvscanner {
 namespace {
 
 std::string Lower(std::string text) {
-    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    for (char& c : text)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     return text;
 }
 
@@ -67,7 +68,8 @@ bool Capture(const std::vector<std::string>& argv, std::string* output) {
     posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     std::vector<char*> args;
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    for (const std::string& a : argv)
+        args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
     pid_t pid = 0;
     int err = ::posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
@@ -102,9 +104,10 @@ std::string ExtractPicture(const ScanJob& job, const WorkDir& work, std::string*
     }
     if (ext == "djvu" || ext == "djv") {
         std::string out = work.File("page.pnm");
-        bool ok = RunQuietly({"ddjvu", "-format=pnm", "-page=1",
-                              "-size=" + std::to_string(job.width) + "x" + std::to_string(job.height),
-                              job.book, out});
+        bool ok =
+            RunQuietly({"ddjvu", "-format=pnm", "-page=1",
+                        "-size=" + std::to_string(job.width) + "x" + std::to_string(job.height),
+                        job.book, out});
         return ok ? out : "";
     }
     if (ext == "epub") {
@@ -145,17 +148,20 @@ void WriteMetadata(const ScanJob& job, std::string title, std::string author) {
         title = InfoField(info, "Title");
         author = InfoField(info, "Author");
         pages = InfoField(info, "Pages");
-    } else if ((ext == "djvu" || ext == "djv") && Capture({"djvused", job.book, "-e", "n"}, &info)) {
+    } else if ((ext == "djvu" || ext == "djv") &&
+               Capture({"djvused", job.book, "-e", "n"}, &info)) {
         pages = info.substr(0, info.find('\n'));
     }
     std::string path = job.cache_path;
-    if (path.size() > 4 && path.compare(path.size() - 4, 4, ".png") == 0) path.resize(path.size() - 4);
+    if (path.size() > 4 && path.compare(path.size() - 4, 4, ".png") == 0)
+        path.resize(path.size() - 4);
     path += ".metadata";
     std::string temp = path + ".part";
     {
         std::ofstream out(temp, std::ios::trunc);
         for (std::string* value : {&title, &author}) {
-            for (char& c : *value) if (c == '\n' || c == '\r') c = ' ';
+            for (char& c : *value)
+                if (c == '\n' || c == '\r') c = ' ';
         }
         out << "title=" << title << "\nauthor=" << author << "\npages=" << pages << "\n";
         if (!out.flush()) return;

@@ -61,7 +61,8 @@ std::optional<std::vector<Element>> ParseElements(const std::string& xml) {
 std::string PercentDecode(const std::string& text) {
     std::string out;
     for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '%' && i + 2 < text.size() && std::isxdigit(static_cast<unsigned char>(text[i + 1])) &&
+        if (text[i] == '%' && i + 2 < text.size() &&
+            std::isxdigit(static_cast<unsigned char>(text[i + 1])) &&
             std::isxdigit(static_cast<unsigned char>(text[i + 2]))) {
             out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
             i += 2;
@@ -91,7 +92,8 @@ std::string ResolveHref(const std::string& package_path, const std::string& href
         part.clear();
     }
     std::string path;
-    for (const std::string& p : parts) path += (path.empty() ? "" : "/") + p;
+    for (const std::string& p : parts)
+        path += (path.empty() ? "" : "/") + p;
     return path;
 }
 
@@ -116,14 +118,16 @@ std::string FindCoverHref(const std::vector<Element>& elements) {
         return it == a->end() ? std::string() : it->second;
     };
     for (const Attributes* item : images) {
-        if (get(item, "properties").find("cover-image") != std::string::npos) return get(item, "href");
+        if (get(item, "properties").find("cover-image") != std::string::npos)
+            return get(item, "href");
     }
     for (const Attributes* item : images) {
         if (!cover_id.empty() && get(item, "id") == cover_id) return get(item, "href");
     }
     for (const Attributes* item : images) {
         std::string id = get(item, "id") + " " + get(item, "href");
-        for (char& c : id) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        for (char& c : id)
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
         if (id.find("cover") != std::string::npos) return get(item, "href");
     }
     return images.empty() ? std::string() : get(images.front(), "href");
@@ -140,7 +144,9 @@ std::optional<std::string> ReadZipMember(const std::string& archive, const std::
         unzGetCurrentFileInfo64(zip, &info, nullptr, 0, nullptr, 0, nullptr, 0) == UNZ_OK &&
         info.uncompressed_size <= kMaxMember && unzOpenCurrentFile(zip) == UNZ_OK) {
         std::string data(static_cast<size_t>(info.uncompressed_size), '\0');
-        int read = data.empty() ? 0 : unzReadCurrentFile(zip, &data[0], static_cast<unsigned>(data.size()));
+        int read = data.empty()
+                       ? 0
+                       : unzReadCurrentFile(zip, &data[0], static_cast<unsigned>(data.size()));
         if (read == static_cast<int>(data.size()) && unzCloseCurrentFile(zip) == UNZ_OK) {
             result = std::move(data);
         }

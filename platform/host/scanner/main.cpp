@@ -63,7 +63,8 @@ std::vector<std::string> Unpack(const char* block, ssize_t size) {
     std::vector<std::string> words;
     char** list = nullptr;
     int count = qvhost_unpack_parameters(block, static_cast<int>(size), &list);
-    for (int i = 0; i < count; ++i) words.emplace_back(list[i]);
+    for (int i = 0; i < count; ++i)
+        words.emplace_back(list[i]);
     qvhost_free_parameters(list);
     return words;
 }

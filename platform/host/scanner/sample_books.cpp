@@ -27,7 +27,8 @@ unsigned Colour(unsigned seed) {
 }
 
 void PutBig32(std::string* out, uint32_t n) {
-    for (int shift = 24; shift >= 0; shift -= 8) out->push_back(static_cast<char>((n >> shift) & 0xFF));
+    for (int shift = 24; shift >= 0; shift -= 8)
+        out->push_back(static_cast<char>((n >> shift) & 0xFF));
 }
 
 void PutChunk(std::string* png, const char* type, const std::string& data) {
@@ -51,8 +52,8 @@ std::string SolidPng(int width, int height, unsigned rgb) {
     }
     uLongf size = compressBound(static_cast<uLong>(raw.size()));
     std::string packed(size, '\0');
-    compress(reinterpret_cast<Bytef*>(&packed[0]), &size, reinterpret_cast<const Bytef*>(raw.data()),
-             static_cast<uLong>(raw.size()));
+    compress(reinterpret_cast<Bytef*>(&packed[0]), &size,
+             reinterpret_cast<const Bytef*>(raw.data()), static_cast<uLong>(raw.size()));
     packed.resize(size);
     std::string header;
     PutBig32(&header, static_cast<uint32_t>(width));
@@ -131,16 +132,22 @@ bool AddMember(zipFile zip, const std::string& name, const std::string& data, bo
 std::string XmlText(const std::string& text) {
     std::string out;
     for (char c : text) {
-        if (c == '&') out += "&amp;";
-        else if (c == '<') out += "&lt;";
-        else if (c == '>') out += "&gt;";
-        else if (c == '"') out += "&quot;";
-        else out += c;
+        if (c == '&')
+            out += "&amp;";
+        else if (c == '<')
+            out += "&lt;";
+        else if (c == '>')
+            out += "&gt;";
+        else if (c == '"')
+            out += "&quot;";
+        else
+            out += c;
     }
     return out;
 }
 
-bool WriteEpub(const std::string& path, const std::string& title, int width, int height, unsigned rgb) {
+bool WriteEpub(const std::string& path, const std::string& title, int width, int height,
+               unsigned rgb) {
     MakeParentDirs(path);
     zipFile zip = zipOpen64(path.c_str(), APPEND_STATUS_CREATE);
     if (zip == nullptr) return false;
@@ -150,10 +157,13 @@ bool WriteEpub(const std::string& path, const std::string& title, int width, int
         "<rootfile full-path=\"OEBPS/content.opf\" media-type=\"application/oebps-package+xml\"/>"
         "</rootfiles></container>\n";
     std::string opf =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<package xmlns=\"http://www.idpf.org/2007/opf\" "
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<package "
+        "xmlns=\"http://www.idpf.org/2007/opf\" "
         "version=\"2.0\" unique-identifier=\"id\"><metadata "
-        "xmlns:dc=\"http://purl.org/dc/elements/1.1/\"><dc:title>" + XmlText(title) +
-        "</dc:title><dc:creator>Sample Press</dc:creator><dc:identifier id=\"id\">sample</dc:identifier>"
+        "xmlns:dc=\"http://purl.org/dc/elements/1.1/\"><dc:title>" +
+        XmlText(title) +
+        "</dc:title><dc:creator>Sample Press</dc:creator><dc:identifier "
+        "id=\"id\">sample</dc:identifier>"
         "<meta name=\"cover\" content=\"cover-image\"/></metadata><manifest>"
         "<item id=\"page\" href=\"text/page.xhtml\" media-type=\"application/xhtml+xml\"/>"
         "<item id=\"cover-image\" href=\"images/cover%20art.png\" media-type=\"image/png\"/>"
@@ -182,11 +192,16 @@ std::string Ppm(int width, int height, unsigned rgb) {
 
 const char* BookExtension(BookKind kind) {
     switch (kind) {
-        case BookKind::kPdf: return "pdf";
-        case BookKind::kEpub: return "epub";
-        case BookKind::kDjvu: return "djvu";
-        case BookKind::kPng: return "png";
-        case BookKind::kJpeg: return "jpg";
+        case BookKind::kPdf:
+            return "pdf";
+        case BookKind::kEpub:
+            return "epub";
+        case BookKind::kDjvu:
+            return "djvu";
+        case BookKind::kPng:
+            return "png";
+        case BookKind::kJpeg:
+            return "jpg";
     }
     return "";
 }
@@ -199,16 +214,19 @@ bool WriteSampleBook(BookKind kind, const std::string& path, const std::string& 
                      int height, unsigned seed) {
     unsigned rgb = Colour(seed);
     switch (kind) {
-        case BookKind::kPdf: return WriteFile(path, Pdf(title, width, height, rgb));
-        case BookKind::kEpub: return WriteEpub(path, title, width, height, rgb);
-        case BookKind::kPng: return WriteSolidPng(path, width, height, rgb);
+        case BookKind::kPdf:
+            return WriteFile(path, Pdf(title, width, height, rgb));
+        case BookKind::kEpub:
+            return WriteEpub(path, title, width, height, rgb);
+        case BookKind::kPng:
+            return WriteSolidPng(path, width, height, rgb);
         case BookKind::kJpeg:
         case BookKind::kDjvu: {
             std::string ppm = path + ".ppm";
-            bool ok = WriteFile(ppm, Ppm(width, height, rgb)) &&
-                      (kind == BookKind::kJpeg
-                           ? qvscanner::RunQuietly({"convert", ppm, "JPEG:" + path})
-                           : qvscanner::RunQuietly({"c44", ppm, path}));
+            bool ok =
+                WriteFile(ppm, Ppm(width, height, rgb)) &&
+                (kind == BookKind::kJpeg ? qvscanner::RunQuietly({"convert", ppm, "JPEG:" + path})
+                                         : qvscanner::RunQuietly({"c44", ppm, path}));
             std::remove(ppm.c_str());
             return ok;
         }

@@ -26,20 +26,26 @@ void StoreStatus(int32_t* field, int32_t value) {
 std::string Escape(const std::string& text) {
     std::string out;
     for (char c : text) {
-        if (c == '\t') out += "\\t";
-        else if (c == '\n') out += "\\n";
-        else if (c == '\\') out += "\\\\";
-        else out += c;
+        if (c == '\t')
+            out += "\\t";
+        else if (c == '\n')
+            out += "\\n";
+        else if (c == '\\')
+            out += "\\\\";
+        else
+            out += c;
     }
     return out;
 }
 
 void AppendLog(const std::vector<std::string>& fields) {
     std::string line;
-    for (const std::string& field : fields) line += (line.empty() ? "" : "\t") + Escape(field);
+    for (const std::string& field : fields)
+        line += (line.empty() ? "" : "\t") + Escape(field);
     line += '\n';
     EnsureStateDir();
-    int fd = ::open(ShellServer::LogPath().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    int fd =
+        ::open(ShellServer::LogPath().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) return;
     ssize_t written = ::write(fd, line.data(), line.size());
     (void)written;
@@ -61,8 +67,10 @@ int AnswerOf(int button) {
 }  // namespace
 
 bool ParseShellRequest(int query, const unsigned char* body, size_t size, ShellRequest* request) {
-    int ints = query == MG_UIQUERY_MESSAGE ? 4 : query == MG_UIQUERY_DIALOG ? 5
-             : query == MG_UIQUERY_OPENBOOK ? 1 : 0;
+    int ints = query == MG_UIQUERY_MESSAGE    ? 4
+               : query == MG_UIQUERY_DIALOG   ? 5
+               : query == MG_UIQUERY_OPENBOOK ? 1
+                                              : 0;
     if (ints == 0 || size < ints * sizeof(int32_t)) return false;
     std::vector<int32_t> fields(ints);
     std::memcpy(fields.data(), body, ints * sizeof(int32_t));
@@ -105,8 +113,8 @@ bool ShellServer::ServeOnce() {
     ShellRequest request;
     if (!ParseShellRequest(query, mgmpc->uibody, sizeof mgmpc->uibody, &request)) {
         AppendLog({"bad", std::to_string(query)});
-        int32_t status = query == MG_UIQUERY_MESSAGE ? int32_t{MG_UISTATUS_SHOWN}
-                                                     : int32_t{MG_UIANSWER_FAILED};
+        int32_t status =
+            query == MG_UIQUERY_MESSAGE ? int32_t{MG_UISTATUS_SHOWN} : int32_t{MG_UIANSWER_FAILED};
         StoreStatus(&mgmpc->uistatus, status);
         return true;
     }
@@ -114,8 +122,8 @@ bool ShellServer::ServeOnce() {
     Show(request);
     const auto& t = request.texts;
     if (query == MG_UIQUERY_MESSAGE) {
-        AppendLog({"message", std::to_string(request.icon), t[0], t[1],
-                   std::to_string(request.timeout)});
+        AppendLog(
+            {"message", std::to_string(request.icon), t[0], t[1], std::to_string(request.timeout)});
     } else if (query == MG_UIQUERY_DIALOG) {
         int answer = AnswerDialog(request);
         AppendLog({"dialog", std::to_string(request.icon), t[0], t[1], t[2], t[3],
@@ -164,8 +172,8 @@ void ShellServer::Show(const ShellRequest& request) const {
         out << "[open] " << t[0] << std::endl;
         return;
     }
-    out << (request.query == MG_UIQUERY_MESSAGE ? "[message] " : "[dialog] ") << t[0]
-        << "  (icon " << request.icon;
+    out << (request.query == MG_UIQUERY_MESSAGE ? "[message] " : "[dialog] ") << t[0] << "  (icon "
+        << request.icon;
     if (request.query == MG_UIQUERY_MESSAGE) out << ", " << request.timeout << " ms";
     out << ")\n    " << t[1] << '\n';
     if (request.query == MG_UIQUERY_DIALOG) out << "    [1] " << t[2] << "   [2] " << t[3] << '\n';
