@@ -2,6 +2,7 @@
 
 #include <sys/ipc.h>
 #include <sys/msg.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -21,6 +22,8 @@ constexpr unsigned kScannerTaskFlags = 37;
 constexpr int kQueuePermissions = 950;  // 0666 | IPC_CREAT
 constexpr int kNoWait = 2048;           // IPC_NOWAIT
 constexpr size_t kMinimumCodeLength = 8;
+constexpr int kFullQueueTries = 500;
+constexpr unsigned kFullQueuePauseUs = 10000;
 
 bool EndsWith(const std::string& text, const std::string& end) {
     return text.size() >= end.size() &&
@@ -51,7 +54,15 @@ int SendToScanner(std::vector<char*>& words) {
     long type = 1;
     std::memcpy(message.data(), &type, sizeof type);
     std::memcpy(message.data() + sizeof type, block, static_cast<size_t>(size));
-    if (msgsnd(queue, message.data(), static_cast<size_t>(size), kNoWait) != 0) {
+    // A full queue (a shelf hands over hundreds of books at once) is waited out for a while: the
+    // scanner empties it as it works, and a job refused here would leave its book without cover.
+    int sent = -1;
+    for (int tries = 0; tries < kFullQueueTries; ++tries) {
+        sent = msgsnd(queue, message.data(), static_cast<size_t>(size), kNoWait);
+        if (sent == 0 || errno != EAGAIN) break;
+        usleep(kFullQueuePauseUs);
+    }
+    if (sent != 0) {
         QV_LOG_FAILED(errno, "msgsnd to the scanner");
         return 1;
     }
