@@ -520,4 +520,100 @@ ibitmap* BitmapFromScreen(int x, int y, int width, int height);
 }
 #endif
 
+/* ------------------------------------------------------------------------------------------ */
+/* The shell's mailbox, the scanner's parameters, display updates, theme, keyboard            */
+/* ------------------------------------------------------------------------------------------ */
+
+#include <stdint.h>
+#include <time.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The shared control block of the device: one block that the shell and every application map.
+ * Only the request mailbox at its fixed offsets concerns applications; the rest is the shell's.
+ *
+ * The mailbox: `uiquery` names the request (0 free, MG_UIQUERY_*), `uistatus` its progress
+ * (MG_UISTATUS_PENDING once the body is written, MG_UISTATUS_SHOWN while the shell shows it, any
+ * other value the answer), `uibody` the request: int32 fields in the machine's order, then
+ * NUL-terminated strings, packed without gaps. The fields are written by several processes; read
+ * and write them with atomic operations. */
+enum { MG_UIQUERY_FREE = 0, MG_UIQUERY_MESSAGE = 1, MG_UIQUERY_DIALOG = 2, MG_UIQUERY_OPENBOOK = 9 };
+enum { MG_UISTATUS_PENDING = 1, MG_UISTATUS_SHOWN = 2 };
+/* Answers of the shell: a dialog gives the button taken, a book request whether it opened. A
+ * dialog closed without a button gives MG_UIANSWER_NONE. */
+enum {
+    MG_UIANSWER_NONE = 0,
+    MG_UIANSWER_BUTTON1 = 3,
+    MG_UIANSWER_BUTTON2 = 4,
+    MG_UIANSWER_OPENED = 5,
+    MG_UIANSWER_FAILED = 6
+};
+
+#define MG_UIQUERY_OFFSET 0x11A4
+#define MG_UIBODY_SIZE 4096
+
+typedef struct mgmpc_s {
+    unsigned char shell_private[MG_UIQUERY_OFFSET];
+    int32_t uiquery;  /* offset 0x11A4 */
+    int32_t uistatus; /* offset 0x11A8 */
+    unsigned char uibody[MG_UIBODY_SIZE]; /* offset 0x11AC */
+} mgmpc_s;
+
+/* The block of this device, mapped before the application's code runs; NULL where there is no
+ * shell. */
+extern mgmpc_s* mgmpc;
+
+/* Packs `count` strings into one block for another process: an int32 count, then the strings
+ * with their terminators. `*buffer` is allocated with malloc (the caller frees it) and `*size`
+ * its length in bytes. 0, or -1 for a NULL list entry or no memory. */
+int PackParameters(int count, char** list, char** buffer, int* size);
+
+/* Display updates. The screen's contents go to the panel only by an update: a full one redraws
+ * every pixel (and clears ghosting), a partial one only the rectangle. The HQ forms take longer
+ * and show greys better. */
+void FullUpdate(void);
+void FullUpdateHQ(void);
+void PartialUpdate(int x, int y, int w, int h);
+void PartialUpdateHQ(int x, int y, int w, int h);
+/* Height of the status panel at the bottom of the screen, 0 when the application hides it. */
+int PanelHeight(void);
+
+/* Values of the device's theme; `default_value` when the theme has no such key. GetThemeString's
+ * result lives as long as the process. */
+int GetThemeInt(const char* name, int default_value);
+const char* GetThemeString(const char* name, const char* default_value);
+
+/* The date of `t` (local time) as the interface language writes it. A buffer of the calling
+ * thread that the next call overwrites. */
+const char* DateStr(time_t t);
+
+/* The cover of the book at `path`, read from the book itself and fitted in `width` x `height`
+ * (-1 keeps the picture's size): a bitmap the caller frees, or NULL when the book has none the
+ * platform can read. FictionBook covers are read here; other formats need the scanner. */
+struct ibitmap_s* GetBookCover(const char* path, int width, int height);
+
+/* The on-screen keyboard. OpenKeyboard shows it with `label` (two C strings one behind the other:
+ * the title, then the text of the confirm key), `buffer` of `size` bytes holding the starting text
+ * (NULL and 0 for none), the platform's `flags`. When the input ends, `handler` is called on the
+ * event loop's thread with the text typed (in `buffer` when there is one), or NULL when it was
+ * cancelled; the keyboard is then closed. */
+typedef int (*mg_keyboard_handler)(char* text);
+/* Flags of OpenKeyboard, combined with |. */
+enum { KBD_NORMAL = 0, KBD_PASSWORD = 0x1, KBD_NUMERIC = 0x2, KBD_URL = 0x4, KBD_MULTILINE = 0x8 };
+typedef struct irect_s {
+    int x, y, w, h;
+} irect;
+void OpenKeyboard(const char* label, char* buffer, int size, int flags,
+                  mg_keyboard_handler handler);
+void CloseKeyboard(void);
+int IsKeyboardOpened(void);
+/* Where the keyboard covers the screen while open; all zero while closed. */
+irect GetKeyboardRect(void);
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif /* MOORGLASS_H */

@@ -235,4 +235,41 @@ int qvhost_image_decodes(void);
 }
 #endif
 
+/* ---- The shell's mailbox, display updates, keyboard (libmoorglass.so) ---------------------- */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The shared control block `mgmpc` is the file "mgmpc" of the state directory, mapped shared by
+ * every process of the device when the platform loads (unless QV_HOST_NO_SHELL_BLOCK is set to a
+ * non-empty value other than "0": a device without a shell, `mgmpc` NULL). The host shell
+ * (the program host_shell, or `qvtool shell`) serves its mailbox. Path, a static buffer: */
+const char* qvhost_mgmpc_path(void);
+
+/* The other side of PackParameters: the strings of a block as a NULL-terminated list allocated
+ * with malloc, freed with qvhost_free_parameters. The count, or -1 for a damaged block. */
+int qvhost_unpack_parameters(const void* block, int size, char*** list);
+void qvhost_free_parameters(char** list);
+
+/* Every display update is appended to "display.log" of the state directory, one line each:
+ * "full", "full-hq", "partial X Y W H", "partial-hq X Y W H". Path, a static buffer: */
+const char* qvhost_display_log_path(void);
+/* Each update also copies its part of the screen's frame (qvhost_framebuffer) to what the panel
+ * of this process shows; this writes that picture as a PNG file: 1, or 0 before the first update
+ * of an open screen. */
+int qvhost_save_panel(const char* path);
+/* The height PanelHeight reports (0 at start), kept in "display.cfg". */
+void qvhost_set_panel_height(int height);
+
+/* Whether the keyboard of task `task` is open now. */
+int qvhost_keyboard_is_open(int task);
+/* Types `text` into the open keyboard of task `task` and confirms it (NULL cancels); the task's
+ * handler gets it on its event loop. 0, or -1 when that keyboard isn't open. */
+int qvhost_keyboard_type(int task, const char* text);
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif /* MOORGLASS_HOST_H */
