@@ -270,7 +270,16 @@ TEST(ConfigStore, KilledSaversAndBusyReadersNeverSeeHalfAFile) {
         ChildProcess writer = ChildProcess::Start(saver);
         auto read_result = RunInChild(reader);
         EXPECT_TRUE(read_result.Succeeded()) << read_result.Describe();
-        usleep(3000 * attempt);
+        if (attempt % 2 == 0) {
+            // Half the kills wait for a save in flight, so that a loaded machine can't make them
+            // all land between saves.
+            for (int waited = 0; waited < 5000 && access((kPath + ".saving").c_str(), F_OK) != 0;
+                 ++waited) {
+                usleep(1000);
+            }
+        } else {
+            usleep(3000 * attempt);
+        }
         writer.Kill(SIGKILL);
         EXPECT_EQ(writer.Wait().signal, SIGKILL);
 

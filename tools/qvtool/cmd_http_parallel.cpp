@@ -11,7 +11,7 @@
 
 #include "cli.h"
 #include "common_utilities/http_request_multi_runner.h"
-#include "interrupt.h"
+#include "interrupt_guard.h"
 #include "moorglass_host.h"
 #include "progress.h"
 
@@ -85,14 +85,16 @@ int RunParallel(Args& args) {
             }
         }
     }
-    CatchInterruptSignals();
-    while (run.finished < total && !Interrupted()) qvhost_platform_usleep(kSleepMicroseconds);
+    InterruptGuard guard;
+    while (run.finished < total && !InterruptGuard::Interrupted()) {
+        qvhost_platform_usleep(kSleepMicroseconds);
+    }
     progress.Finish();
     double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     std::cout << run.finished << " of " << total << " finished, " << run.failed << " failed, "
               << FormatBytes(static_cast<double>(run.bytes)) << " in " << FormatDuration(seconds)
               << '\n';
-    if (Interrupted()) return kInterrupted;
+    if (InterruptGuard::Interrupted()) return kInterrupted;
     return run.failed ? kFailed : kOk;
 }
 

@@ -11,7 +11,7 @@
 
 #include "cli.h"
 #include "common_utilities/services_download_status.h"
-#include "interrupt.h"
+#include "interrupt_guard.h"
 #include "moorglass_host.h"
 #include "table.h"
 
@@ -69,8 +69,8 @@ int RunStatus(Args& args) {
     std::string shown = Render();
     std::cout << shown << std::flush;
     if (!watch) return kOk;
-    CatchInterruptSignals();
-    while (!Interrupted()) {
+    InterruptGuard guard;
+    while (!InterruptGuard::Interrupted()) {
         usleep(200000);
         std::string now = Render();
         if (now == shown) continue;

@@ -1,5 +1,5 @@
-// Ctrl-C for long loops: while a guard lives SIGINT only raises a flag, so that the loop stops
-// between two items and reports what was done.
+// Ctrl-C for long loops: while a guard lives SIGINT and SIGTERM only raise a flag, so that the
+// loop stops between two items and reports what was done.
 #pragma once
 
 #include <signal.h>
@@ -15,9 +15,13 @@ public:
         struct sigaction action {};
         action.sa_handler = [](int) { flag() = 1; };
         sigemptyset(&action.sa_mask);
-        ::sigaction(SIGINT, &action, &previous_);
+        ::sigaction(SIGINT, &action, &previous_int_);
+        ::sigaction(SIGTERM, &action, &previous_term_);
     }
-    ~InterruptGuard() { ::sigaction(SIGINT, &previous_, nullptr); }
+    ~InterruptGuard() {
+        ::sigaction(SIGINT, &previous_int_, nullptr);
+        ::sigaction(SIGTERM, &previous_term_, nullptr);
+    }
     InterruptGuard(const InterruptGuard&) = delete;
     InterruptGuard& operator=(const InterruptGuard&) = delete;
 
@@ -29,7 +33,8 @@ private:
         return interrupted;
     }
 
-    struct sigaction previous_ {};
+    struct sigaction previous_int_ {};
+    struct sigaction previous_term_ {};
 };
 
 }  // namespace qvtool
