@@ -3,6 +3,8 @@
 # show it. The collection stays in /mnt/ext1/Music and /mnt/ext1/Audiobooks for the stages after.
 
 section "A collection: tagged albums, an M4B book with chapters, a zipped MP3 book, a playlist"
+# The audiobook tour above leaves books of its own; the collection starts its library afresh.
+rm -f /mnt/ext1/system/config/audiobooks/audiobooks.db /mnt/ext1/system/config/audiobooks/audiobooks.db-*
 demo_tone() {  # demo_tone FILE SECONDS TITLE ARTIST ALBUM TRACK GENRE
     sox -n -r 22050 -c 1 /tmp/tone.wav synth "$2" sine 330 2>/dev/null
     lame --quiet -b 32 --tt "$3" --ta "$4" --tl "$5" --tn "$6" --tg "$7" /tmp/tone.wav "$1"
@@ -24,7 +26,7 @@ show 'qvtool playlist load /mnt/ext1/Music/evening.m3u'
 
 section "The scan: every file into the media library, the books into the audiobook library"
 show_fails 'qvtool scan --books /mnt/ext1/Audiobooks /mnt/ext1/Music /mnt/ext1/Audiobooks'
-show 'qvtool scan --books /mnt/ext1/Audiobooks /mnt/ext1/Music /mnt/ext1/Audiobooks 2>/dev/null | head -1   # a second scan finds them all there'
+show_fails 'qvtool scan --books /mnt/ext1/Audiobooks /mnt/ext1/Music /mnt/ext1/Audiobooks 2>/dev/null | head -1   # a second scan finds them all there (the broken file still fails)'
 
 section "The library by artist, and the albums of one"
 show 'qvtool tracks groups artist'
