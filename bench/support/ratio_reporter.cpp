@@ -63,11 +63,11 @@ int PrintRatios(const RecordingReporter& reporter, const std::vector<Ratio>& rat
         }
         double value = numerator / denominator;
         if (!HasAim(ratio.tolerance)) {
-            std::fprintf(out, "%s: %.2fx (for scale, no aim)\n", ratio.label.c_str(), value);
+            std::fprintf(out, "%s: %.3gx (for scale, no aim)\n", ratio.label.c_str(), value);
             continue;
         }
         bool met = value <= 1.0 + ratio.tolerance;
-        std::fprintf(out, "%s: %.2fx (%s)%s\n", ratio.label.c_str(), value, aim.c_str(),
+        std::fprintf(out, "%s: %.3gx (%s)%s\n", ratio.label.c_str(), value, aim.c_str(),
                      met ? "" : " MISSED");
         missed += met ? 0 : 1;
     }

@@ -49,7 +49,8 @@ constexpr double AtLeastTimesFaster(double factor) {
 // no aim" (kNoAim).
 std::string AimText(double tolerance);
 
-// One line per ratio, "wrapper/raw insert 100k: 1.03x (aim: within 5%)", marked when the aim is
+// One line per ratio, "wrapper/raw insert 100k: 1.03x (aim: within 5%)" (three significant
+// digits, so that 0.00075x stays readable), marked when the aim is
 // missed or a side did not run. Returns how many ratios missed.
 int PrintRatios(const RecordingReporter& reporter, const std::vector<Ratio>& ratios,
                 std::FILE* out = stdout);
