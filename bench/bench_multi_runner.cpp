@@ -80,7 +80,10 @@ void PlainMultiBatch(benchmark::State& state, int count, long size) {
             int queued = 0;
             while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
                 if (message->msg != CURLMSG_DONE) continue;
-                if (message->data.result != CURLE_OK) Die("plain request failed");
+                if (message->data.result != CURLE_OK) {
+                    Die(std::string("plain request failed: ") +
+                        curl_easy_strerror(message->data.result));
+                }
                 curl_multi_remove_handle(multi, message->easy_handle);
                 curl_easy_cleanup(message->easy_handle);
             }
