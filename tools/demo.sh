@@ -29,6 +29,18 @@ show_fails() {
     echo "(exit code $rc)"
 }
 
+# start_test_server [ARGS...]: starts the tests' HTTP server in the background and waits until it
+# listens; sets server_pid, server_http and server_https (its base URLs on loopback).
+start_test_server() {
+    local log
+    log=$(mktemp /tmp/demo_server.XXXXXX)
+    test_http_server "$@" > "$log" &
+    server_pid=$!
+    until grep -qx ready "$log" 2>/dev/null; do sleep 0.1; done
+    server_http="http://127.0.0.1:$(awk '$1 == "http" {print $2}' "$log")"
+    server_https="https://127.0.0.1:$(awk '$1 == "https" {print $2}' "$log")"
+}
+
 for stage in "$demo_dir"/[0-9][0-9]-*.sh; do
     # shellcheck source=/dev/null
     source "$stage"

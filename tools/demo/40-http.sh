@@ -1,12 +1,8 @@
 # HTTP through the library: the request runner against a loopback server, the network gate, and
 # request signatures.
 
-demo_http_log=/tmp/demo_http_server.out
-test_http_server > "$demo_http_log" &
-demo_http_server=$!
-until grep -qx ready "$demo_http_log" 2>/dev/null; do sleep 0.1; done
-http_base="http://127.0.0.1:$(awk '$1 == "http" {print $2}' "$demo_http_log")"
-https_base="https://127.0.0.1:$(awk '$1 == "https" {print $2}' "$demo_http_log")"
+start_test_server
+demo_http_server=$server_pid http_base=$server_http https_base=$server_https
 
 section "Requests as the applications send them (a loopback test server answers)"
 show "qvtool http GET '$http_base/echo?lang=de&q=e-ink reader' -H 'X-Client: demo'"

@@ -14,11 +14,8 @@ show "qvtool config set /mnt/ext1/system/config/global.cfg language gr && qvtool
 show_fails "qvtool useragent kiosk store.example.org"
 
 section "The caller puts the text into its request"
-demo_ua_log=/tmp/demo_ua_server.out
-test_http_server > "$demo_ua_log" &
-demo_ua_server=$!
-until grep -qx ready "$demo_ua_log" 2>/dev/null; do sleep 0.1; done
-ua_base="http://127.0.0.1:$(awk '$1 == "http" {print $2}' "$demo_ua_log")"
+start_test_server
+demo_ua_server=$server_pid ua_base=$server_http
 show "qvtool http GET $ua_base/echo -H \"User-Agent: \$(qvtool useragent store 127.0.0.1)\" | grep -i user-agent"
 kill "$demo_ua_server"
 wait "$demo_ua_server" 2>/dev/null || true

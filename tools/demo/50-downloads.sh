@@ -1,11 +1,8 @@
 # Downloads through the library: one resumable file with its progress line, an interruption and
 # the resume, a full disk, the blocking download and the queue, against a loopback test server.
 
-demo_dl_log=/tmp/demo_download_server.out
-test_http_server > "$demo_dl_log" &
-demo_dl_server=$!
-until grep -qx ready "$demo_dl_log" 2>/dev/null; do sleep 0.1; done
-dl_base="http://127.0.0.1:$(awk '$1 == "http" {print $2}' "$demo_dl_log")"
+start_test_server
+demo_dl_server=$server_pid dl_base=$server_http
 
 section "A download: reserved up front, moved into place at the end"
 show "qvtool download $dl_base/dl/file/7/30000000 /mnt/ext1/Downloads --name atlas.epub"

@@ -1,11 +1,8 @@
 # Wi-Fi control: the device among access points, a scan, a wrong key and a right one, and the
 # network gate of requests opening as the link comes up.
 
-demo_wifi_log=/tmp/demo_wifi_server.out
-test_http_server > "$demo_wifi_log" &
-demo_wifi_server=$!
-until grep -qx ready "$demo_wifi_log" 2>/dev/null; do sleep 0.1; done
-wifi_http="http://127.0.0.1:$(awk '$1 == "http" {print $2}' "$demo_wifi_log")"
+start_test_server
+demo_wifi_server=$server_pid wifi_http=$server_http
 
 section "The air around the device (set on the host; every process of the sandbox sees it)"
 show "qvtool host wifi air 'Home 5G' --security wpa2 --passphrase 'correct horse battery' --signal 85 --level -42 --channel 36"

@@ -23,11 +23,8 @@ show "qvtool shm remove /reading-state"
 show_fails "qvtool shm read /reading-state"
 
 section "Sign-in through the browser: the page reports texts, then completion"
-demo_signin_log=/tmp/demo_signin_server.out
-test_http_server > "$demo_signin_log" &
-demo_signin_server=$!
-until grep -qx ready "$demo_signin_log" 2>/dev/null; do sleep 0.1; done
-signin_base="http://127.0.0.1:$(awk '$1 == "http" {print $2}' "$demo_signin_log")"
+start_test_server
+demo_signin_server=$server_pid signin_base=$server_http
 show "qvtool signin '$signin_base/signin?do=text%20signed%20in%20as%20reader%7Cnotice%7Ccomplete' --id demo"
 show_fails "qvtool signin '$signin_base/signin?do=die' --id demo"
 kill "$demo_signin_server"

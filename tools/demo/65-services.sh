@@ -18,11 +18,8 @@ show "qvtool bt list"
 show "qvtool bt list --pending"
 
 section "Many requests at once, without a thread (a loopback test server answers)"
-demo_multi_log=/tmp/demo_multi_server.out
-test_http_server --threads 200 > "$demo_multi_log" &
-demo_multi_server=$!
-until grep -qx ready "$demo_multi_log" 2>/dev/null; do sleep 0.1; done
-multi_base="http://127.0.0.1:$(awk '$1 == "http" {print $2}' "$demo_multi_log")"
+start_test_server --threads 200
+demo_multi_server=$server_pid multi_base=$server_http
 show "qvtool http --parallel $multi_base/bytes/2000 $multi_base/redirect/2 '$multi_base/dl/file/1/40000?rate=80000' $multi_base/status/404"
 show "qvtool http --parallel $multi_base/bytes/100 --count 150 | tail -2"
 kill "$demo_multi_server"
