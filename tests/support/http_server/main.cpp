@@ -15,6 +15,7 @@
 // clients that open hundreds of connections together.
 
 #include <signal.h>
+#include <sys/socket.h>
 
 #include <cstdio>
 #include <cstring>
@@ -31,6 +32,30 @@
 namespace {
 
 constexpr const char* kHost = "127.0.0.1";
+
+// The packaged server library listens with a backlog of five, a number fixed when the library
+// was built: defining its backlog macro here changes nothing. Hundreds of clients connecting at
+// once then overflow the queue, the kernel falls back to SYN cookies and resets the connections
+// it could not queue, and clients read "connection reset by peer" before any request reached a
+// route. So the listener's socket is noted while it is being made and, once bound, listened on
+// again with the system's largest backlog (Linux lets a listening socket change its backlog).
+class Listener {
+public:
+    void Watch(httplib::Server& server) {
+        server.set_socket_options([this](socket_t sock) {
+            httplib::default_socket_options(sock);
+            socket_ = sock;
+        });
+    }
+    void WidenBacklog(const char* what) const {
+        if (socket_ < 0 || ::listen(socket_, SOMAXCONN) != 0)
+            throw std::runtime_error(std::string("can't widen the backlog of the ") + what +
+                                     " listener");
+    }
+
+private:
+    socket_t socket_ = -1;
+};
 
 // Benchmarks send thousands of requests over one connection; the library default would close it
 // after five.
@@ -120,8 +145,14 @@ int Serve(int argc, char** argv) {
     if (!secure.is_valid()) throw std::runtime_error("the TLS listener can't be set up");
     Configure(plain, state, options.threads);
     Configure(secure, state, options.threads);
+    Listener plain_listener;
+    Listener secure_listener;
+    plain_listener.Watch(plain);
+    secure_listener.Watch(secure);
     int plain_port = Bind(plain, "plain", options.http_port);
     int secure_port = Bind(secure, "TLS");
+    plain_listener.WidenBacklog("plain");
+    secure_listener.WidenBacklog("TLS");
 
     std::thread plain_thread([&plain] { plain.listen_after_bind(); });
     std::thread secure_thread([&secure] { secure.listen_after_bind(); });
