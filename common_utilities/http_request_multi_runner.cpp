@@ -30,10 +30,21 @@ int TimerDelay(long timeout_ms) {
     return static_cast<int>(timeout_ms < 0 ? kLongestWaitMs : timeout_ms);
 }
 
+// Hands the body to `sink` in place of the plain appender the request was prepared with; the same
+// bytes reach the same vector. 0, or the libcurl code of the option refused.
+int CollectInto(CURL* curl, BodySink* sink) {
+    sink->curl = curl;
+    CURLcode err = curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, BodySink::Write);
+    if (err == CURLE_OK) err = curl_easy_setopt(curl, CURLOPT_WRITEDATA, sink);
+    return static_cast<int>(err);
+}
+
 }  // namespace
 
 HttpRequestMultiRunner::HandleInfo::HandleInfo(const HttpRequest& request, Callback callback)
-    : request(request), callback(std::move(callback)) {}
+    : request(request),
+      callback(std::move(callback)),
+      sink{nullptr, ResponseBody(&response, HttpRequestRunner::kDefaultBodyReserveLimit)} {}
 
 HttpRequestMultiRunner::HandleInfo::~HandleInfo() {
     curl_slist_free_all(info.headers);
@@ -66,6 +77,7 @@ int HttpRequestMultiRunner::PerformRequest(const HttpRequest& request, Callback 
     auto handle_info = std::make_shared<HandleInfo>(request, std::move(callback));
     if (QV_CLEANUP_UNLESS_MODULE(kModule, curl, "")) return -1;
     int err = runner_.PrepareRequest(request, curl, &handle_info->response, &handle_info->info);
+    if (err == 0) err = CollectInto(curl, &handle_info->sink);
     if (QV_CLEANUP_UNLESS_MODULE(kModule, 0 == err, "PrepareRequest failed with [%d]", err)) {
         curl_easy_cleanup(curl);
         return -1;
@@ -121,6 +133,7 @@ int HttpRequestMultiRunner::processFinishedTransfer(CURLMsg* message) {
             body.push_back('\0');
             QV_LOG_MODULE(QV_LOG_INFO, "HttpRequest", "Request returns data [%s]", body.data());
         }
+        handle_info->sink.body.Finish();
         handle_info->callback(result, http_code, body);
     }
     curl_multi_remove_handle(multi_, curl);
