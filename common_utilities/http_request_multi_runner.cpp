@@ -17,17 +17,21 @@ constexpr const char* kModule = "MultiRunnerHttp";
 constexpr const char* kTimerName = "curl_multi";
 // Bodies shorter than this get a terminator and go into the log whole.
 constexpr size_t kLoggedBodyLimit = 10240;
-// The longest the sleep hook waits between two looks at the transfers.
+// The longest the sleep hook, and the timer, wait between two looks at the transfers.
 constexpr long kLongestWaitMs = 50;
 
 #define MR_LOG(level, fmt, ...) QV_LOG_MODULE(level, kModule, fmt, ##__VA_ARGS__)
 
 using Clock = std::chrono::steady_clock;
 
-// libcurl's -1 means it has no time-out of its own; the timer then looks again soon rather than
-// firing at every pass of the loop.
+// libcurl's time-out is when it next needs a call for a time-out of its own (a speed check every
+// second, a connect limit); it counts on its caller to watch the sockets in between. The event
+// loop can't watch them for us, so the timer stands in for the watch: it looks at least every
+// kLongestWaitMs, as the sleep hook does, and sooner when libcurl asks (its -1, "no time-out",
+// included). Left at libcurl's hint, a response that came in would wait up to a second to be
+// read, and a batch of small requests took five times as long.
 int TimerDelay(long timeout_ms) {
-    return static_cast<int>(timeout_ms < 0 ? kLongestWaitMs : timeout_ms);
+    return static_cast<int>(timeout_ms < 0 ? kLongestWaitMs : std::min(timeout_ms, kLongestWaitMs));
 }
 
 // Hands the body to `sink` in place of the plain appender the request was prepared with; the same
