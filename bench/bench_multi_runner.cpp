@@ -59,23 +59,29 @@ size_t RunnerBodySize(long size) {
     return static_cast<size_t>(size) + (size < 10240 ? 1 : 0);
 }
 
+// Starts `count` GETs of `url` through the runner. Each completion is checked and counted in
+// `*done`; the last one stops the event loop when `on_loop`.
+void StartRunnerBatch(const std::string& url, int count, long size, int* done, bool on_loop) {
+    auto& runner = HttpRequestMultiRunner::instance();
+    for (int i = 0; i < count; ++i) {
+        auto callback = [=](int code, long http, std::vector<char>& body) {
+            if (code != CURLE_OK || http != 200) {
+                Die("runner request failed: " +
+                    std::string(curl_easy_strerror(static_cast<CURLcode>(code))) + ", HTTP " +
+                    std::to_string(http));
+            }
+            if (body.size() != RunnerBodySize(size)) Die("runner body of the wrong size");
+            if (++*done == count && on_loop) qvhost_stop_event_loop();
+        };
+        if (runner.PerformRequest(HttpRequest("GET", url), callback) != QV_OK) Die("no start");
+    }
+}
+
 void RunnerBatch(benchmark::State& state, int count, long size) {
     const std::string url = Url(size);
-    auto& runner = HttpRequestMultiRunner::instance();
     for (auto _ : state) {
         int done = 0;
-        for (int i = 0; i < count; ++i) {
-            auto callback = [&done, size](int code, long http, std::vector<char>& body) {
-                if (code != CURLE_OK || http != 200) {
-                    Die("runner request failed: " +
-                        std::string(curl_easy_strerror(static_cast<CURLcode>(code))) +
-                        ", HTTP " + std::to_string(http));
-                }
-                if (body.size() != RunnerBodySize(size)) Die("runner body of the wrong size");
-                ++done;
-            };
-            if (runner.PerformRequest(HttpRequest("GET", url), callback) != QV_OK) Die("no start");
-        }
+        StartRunnerBatch(url, count, size, &done, false);
         while (done < count) qvhost_platform_usleep(1000);
     }
 }
@@ -84,17 +90,9 @@ void RunnerBatch(benchmark::State& state, int count, long size) {
 // timer drives the transfers, as for an application that is busy drawing.
 void RunnerOnLoopBatch(benchmark::State& state, int count, long size) {
     const std::string url = Url(size);
-    auto& runner = HttpRequestMultiRunner::instance();
     for (auto _ : state) {
         int done = 0;
-        for (int i = 0; i < count; ++i) {
-            auto callback = [&done, count, size](int code, long http, std::vector<char>& body) {
-                if (code != CURLE_OK || http != 200) Die("runner request failed");
-                if (body.size() != RunnerBodySize(size)) Die("runner body of the wrong size");
-                if (++done == count) qvhost_stop_event_loop();
-            };
-            if (runner.PerformRequest(HttpRequest("GET", url), callback) != QV_OK) Die("no start");
-        }
+        StartRunnerBatch(url, count, size, &done, true);
         if (qvhost_run_event_loop([](int, int, int) { return 0; }) != 0) Die("no event loop");
     }
 }
