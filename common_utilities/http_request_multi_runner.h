@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "common_utilities/http_request.h"
+#include "common_utilities/http_response_body.h"
 
 typedef void CURLM;
 struct CURLMsg;
@@ -38,6 +39,9 @@ public:
         HttpRequestRunner::CurlAdditionalInfo info;
         HttpRequest request;
         Callback callback;
+        // The writer of `response`: a body of announced length is reserved once instead of
+        // growing through doublings, each of which copies it and faults fresh pages.
+        BodySink sink;
     };
 
     static HttpRequestMultiRunner& instance();

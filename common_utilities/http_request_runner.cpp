@@ -47,27 +47,6 @@ size_t AppendToVector(char* data, size_t size, size_t nmemb, void* user) {
     return ResponseBody::AppendTo(static_cast<std::vector<char>*>(user), data, count) ? count : 0;
 }
 
-// The writer of the whole-body transfer, which also knows the handle: the body's announced length
-// is read when its first piece arrives, after any redirects.
-struct BodySink {
-    CURL* curl;
-    ResponseBody body;
-    bool announced = false;
-};
-
-size_t CollectBody(char* data, size_t size, size_t nmemb, void* user) {
-    auto* sink = static_cast<BodySink*>(user);
-    if (!sink->announced) {
-        sink->announced = true;
-        curl_off_t length = -1;
-        if (curl_easy_getinfo(sink->curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) != CURLE_OK)
-            length = -1;
-        sink->body.Announce(length);
-    }
-    size_t count = size * nmemb;
-    return sink->body.Append(data, count) ? count : 0;
-}
-
 // Applies options in order, stopping at the first that fails; that one is logged, and the
 // transfer is then not to be run.
 class Options {
@@ -105,7 +84,7 @@ private:
 // and reserves the announced length.
 bool CollectInto(CURL* curl, BodySink* sink) {
     return Options(curl)
-        .Callback(CURLOPT_WRITEFUNCTION, CollectBody)
+        .Callback(CURLOPT_WRITEFUNCTION, BodySink::Write)
         .Pointer(CURLOPT_WRITEDATA, sink)
         .ok();
 }

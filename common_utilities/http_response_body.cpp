@@ -1,8 +1,11 @@
 #include "common_utilities/http_response_body.h"
 
+#include <curl/curl.h>
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <exception>
 
@@ -10,12 +13,15 @@ namespace quorvel {
 namespace utilities {
 namespace {
 
+constexpr uintptr_t kPage = 4096;  // the smallest page of the systems the library runs on
 constexpr uintptr_t kLargePage = 2u << 20;
 // glibc gives every block from 32 MiB up a mapping of its own (16 MiB on 32-bit systems), so
 // the advice never reaches memory that later serves other allocations.
 constexpr size_t kAdviseFrom = 32u << 20;
 // A reservation left unused by more than this, and by more than the body itself, is given back.
 constexpr size_t kUnusedKept = 1u << 20;
+// How far ahead of the arrived bytes the pages of a buffer are faulted in.
+constexpr size_t kPrefaultAhead = 1u << 20;
 
 void AdviseLargePages(char* data, size_t bytes) {
 #ifdef MADV_HUGEPAGE
@@ -31,12 +37,40 @@ void AdviseLargePages(char* data, size_t bytes) {
 #endif
 }
 
+uintptr_t PageDown(uintptr_t address) {
+    return address & ~(kPage - 1);
+}
+
+uintptr_t PageUp(uintptr_t address) {
+    return PageDown(address + kPage - 1);
+}
+
+// Has the kernel fault in, writable, the whole pages inside [begin, end): what the first write
+// to each would do, without the trap. A kernel that can't (before 5.14) is asked no more; the
+// pages then fault one by one as before.
+void Prefault(const char* begin, const char* end) {
+#ifdef MADV_POPULATE_WRITE
+    static std::atomic<bool> unsupported{false};
+    uintptr_t from = PageUp(reinterpret_cast<uintptr_t>(begin));
+    uintptr_t to = PageDown(reinterpret_cast<uintptr_t>(end));
+    if (to <= from || unsupported.load(std::memory_order_relaxed)) return;
+    if (madvise(reinterpret_cast<void*>(from), to - from, MADV_POPULATE_WRITE) != 0 &&
+        errno == EINVAL) {
+        unsupported.store(true, std::memory_order_relaxed);
+    }
+#else
+    static_cast<void>(begin);
+    static_cast<void>(end);
+#endif
+}
+
 // Moves `*out` into a buffer of `capacity` bytes that is advised before anything touches it.
 // Throws as a vector does when memory runs out, leaving `*out` as it was.
 void Regrow(std::vector<char>* out, size_t capacity) {
     std::vector<char> bigger;
     bigger.reserve(capacity);
     AdviseLargePages(bigger.data(), capacity);
+    Prefault(bigger.data(), bigger.data() + out->size());
     bigger.insert(bigger.end(), out->begin(), out->end());
     out->swap(bigger);
 }
@@ -59,7 +93,30 @@ void ResponseBody::Announce(long long length) {
 }
 
 bool ResponseBody::Append(const char* data, size_t count) {
-    return AppendTo(out_, data, count);
+    try {
+        const size_t needed = out_->size() + count;
+        if (needed > out_->capacity()) Regrow(out_, std::max(needed, 2 * out_->capacity()));
+        PrefaultAhead(count);
+        out_->insert(out_->end(), data, data + count);
+        return true;
+    } catch (const std::exception&) {
+        return false;  // see AppendTo
+    }
+}
+
+// Called with room for `count` more bytes: makes sure they, and up to kPrefaultAhead bytes after
+// them, are faulted in.
+void ResponseBody::PrefaultAhead(size_t count) {
+    const char* buffer = out_->data();
+    const char* end = buffer + out_->size() + count;
+    if (buffer != prefaulted_buffer_) {  // a new buffer: what it holds was faulted by the copy
+        prefaulted_buffer_ = buffer;
+        prefaulted_end_ = buffer + out_->size();
+    }
+    if (end <= prefaulted_end_) return;
+    const char* ahead = std::min(buffer + out_->capacity(), end + kPrefaultAhead);
+    Prefault(prefaulted_end_, ahead);
+    prefaulted_end_ = ahead;
 }
 
 void ResponseBody::Finish() {
@@ -79,6 +136,19 @@ bool ResponseBody::AppendTo(std::vector<char>* out, const char* data, size_t cou
         // transfer with an error instead.
         return false;
     }
+}
+
+size_t BodySink::Write(char* data, size_t size, size_t nmemb, void* user) {
+    auto* sink = static_cast<BodySink*>(user);
+    if (!sink->announced) {
+        sink->announced = true;
+        curl_off_t length = -1;
+        if (curl_easy_getinfo(sink->curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) != CURLE_OK)
+            length = -1;
+        sink->body.Announce(length);
+    }
+    size_t count = size * nmemb;
+    return sink->body.Append(data, count) ? count : 0;
 }
 
 }  // namespace utilities

@@ -1,6 +1,7 @@
 // test_http_server: the loopback HTTP and HTTPS server of the tests, benchmarks and demo.
 //
 //   test_http_server [--cert-out FILE] [--cert FILE --key FILE] [--http-port PORT] [--threads N]
+//                    [--requests-per-connection N]
 //
 // Listens on two ephemeral ports of 127.0.0.1, plain HTTP and HTTPS with a self-signed
 // certificate made at start, and prints one line per listener and then "ready":
@@ -12,9 +13,13 @@
 // listener a certificate and key (PEM files) made elsewhere, say signed by a test CA, instead.
 // --http-port puts the plain listener on PORT, for a server that has to appear at a known place.
 // --threads N serves up to N connections at once on each listener (httplib's default is 8), for
-// clients that open hundreds of connections together.
+// clients that open hundreds of connections together. --requests-per-connection N closes a
+// connection after its Nth response ("Connection: close"); 1 makes every request pay for a
+// connection of its own, for comparisons where one client must not profit from connections an
+// earlier run left open (and no idle connection holds one of the N threads meanwhile).
 
 #include <signal.h>
+#include <sys/socket.h>
 
 #include <cstdio>
 #include <cstring>
@@ -32,16 +37,29 @@ namespace {
 
 constexpr const char* kHost = "127.0.0.1";
 
-// Benchmarks send thousands of requests over one connection; the library default would close it
-// after five.
-void Configure(httplib::Server& server, qvserver::ServerState& state, int threads) {
-    if (threads > 0)
-        server.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
-    server.set_keep_alive_max_count(1000000);
-    server.set_keep_alive_timeout(30);
-    server.set_tcp_nodelay(true);
-    qvserver::InstallRoutes(server, state);
-}
+// The packaged server library listens with a backlog of five, a number fixed when the library
+// was built: defining its backlog macro here changes nothing. Hundreds of clients connecting at
+// once then overflow the queue, the kernel falls back to SYN cookies and resets the connections
+// it could not queue, and clients read "connection reset by peer" before any request reached a
+// route. So the listener's socket is noted while it is being made and, once bound, listened on
+// again with the system's largest backlog (Linux lets a listening socket change its backlog).
+class Listener {
+public:
+    void Watch(httplib::Server& server) {
+        server.set_socket_options([this](socket_t sock) {
+            httplib::default_socket_options(sock);
+            socket_ = sock;
+        });
+    }
+    void WidenBacklog(const char* what) const {
+        if (socket_ < 0 || ::listen(socket_, SOMAXCONN) != 0)
+            throw std::runtime_error(std::string("can't widen the backlog of the ") + what +
+                                     " listener");
+    }
+
+private:
+    socket_t socket_ = -1;
+};
 
 struct Options {
     std::string cert_out;
@@ -49,7 +67,20 @@ struct Options {
     std::string key;
     int http_port = 0;  // any
     int threads = 0;    // httplib's default
+    // Benchmarks send thousands of requests over one connection; the library default would
+    // close it after five.
+    int requests_per_connection = 1000000;
 };
+
+void Configure(httplib::Server& server, qvserver::ServerState& state, const Options& options) {
+    int threads = options.threads;
+    if (threads > 0)
+        server.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
+    server.set_keep_alive_max_count(static_cast<size_t>(options.requests_per_connection));
+    server.set_keep_alive_timeout(30);
+    server.set_tcp_nodelay(true);
+    qvserver::InstallRoutes(server, state);
+}
 
 Options ParseOptions(int argc, char** argv) {
     Options options;
@@ -67,10 +98,15 @@ Options ParseOptions(int argc, char** argv) {
             options.http_port = std::stoi(value);
         } else if (name == "--threads") {
             options.threads = std::stoi(value);
+        } else if (name == "--requests-per-connection") {
+            options.requests_per_connection = std::stoi(value);
+            if (options.requests_per_connection < 1)
+                throw std::runtime_error("--requests-per-connection must be at least 1");
         } else {
             throw std::runtime_error("unknown argument " + name +
                                      " (usage: test_http_server [--cert-out FILE] [--cert FILE "
-                                     "--key FILE] [--http-port PORT] [--threads N])");
+                                     "--key FILE] [--http-port PORT] [--threads N] "
+                                     "[--requests-per-connection N])");
         }
     }
     if (options.cert.empty() != options.key.empty())
@@ -118,10 +154,16 @@ int Serve(int argc, char** argv) {
     std::unique_ptr<httplib::SSLServer> tls = MakeTlsServer(options);
     httplib::SSLServer& secure = *tls;
     if (!secure.is_valid()) throw std::runtime_error("the TLS listener can't be set up");
-    Configure(plain, state, options.threads);
-    Configure(secure, state, options.threads);
+    Configure(plain, state, options);
+    Configure(secure, state, options);
+    Listener plain_listener;
+    Listener secure_listener;
+    plain_listener.Watch(plain);
+    secure_listener.Watch(secure);
     int plain_port = Bind(plain, "plain", options.http_port);
     int secure_port = Bind(secure, "TLS");
+    plain_listener.WidenBacklog("plain");
+    secure_listener.WidenBacklog("TLS");
 
     std::thread plain_thread([&plain] { plain.listen_after_bind(); });
     std::thread secure_thread([&secure] { secure.listen_after_bind(); });
