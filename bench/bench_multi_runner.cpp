@@ -1,7 +1,6 @@
 // Many transfers at once: HttpRequestMultiRunner (driven through the platform's sleep, as an
 // application's UI thread drives it) against a plain libcurl multi loop doing the same and
-// against the curl program's own parallel mode. 500 small GETs, and 20 bodies of 10 MB. For
-// scale, the runner also with its caller in the event loop, where only its timer drives it.
+// against the curl program's own parallel mode. 500 small GETs, and 20 bodies of 10 MB.
 //
 // What makes the three comparable:
 // - every request opens a connection of its own: the server closes each after one response, so
@@ -60,8 +59,8 @@ size_t RunnerBodySize(long size) {
 }
 
 // Starts `count` GETs of `url` through the runner. Each completion is checked and counted in
-// `*done`; the last one stops the event loop when `on_loop`.
-void StartRunnerBatch(const std::string& url, int count, long size, int* done, bool on_loop) {
+// `*done`.
+void StartRunnerBatch(const std::string& url, int count, long size, int* done) {
     auto& runner = HttpRequestMultiRunner::instance();
     for (int i = 0; i < count; ++i) {
         auto callback = [=](int code, long http, std::vector<char>& body) {
@@ -71,7 +70,7 @@ void StartRunnerBatch(const std::string& url, int count, long size, int* done, b
                     std::to_string(http));
             }
             if (body.size() != RunnerBodySize(size)) Die("runner body of the wrong size");
-            if (++*done == count && on_loop) qvhost_stop_event_loop();
+            ++*done;
         };
         if (runner.PerformRequest(HttpRequest("GET", url), callback) != QV_OK) Die("no start");
     }
@@ -81,19 +80,8 @@ void RunnerBatch(benchmark::State& state, int count, long size) {
     const std::string url = Url(size);
     for (auto _ : state) {
         int done = 0;
-        StartRunnerBatch(url, count, size, &done, false);
+        StartRunnerBatch(url, count, size, &done);
         while (done < count) qvhost_platform_usleep(1000);
-    }
-}
-
-// The same batch with the caller in the event loop rather than asleep: only the runner's hard
-// timer drives the transfers, as for an application that is busy drawing.
-void RunnerOnLoopBatch(benchmark::State& state, int count, long size) {
-    const std::string url = Url(size);
-    for (auto _ : state) {
-        int done = 0;
-        StartRunnerBatch(url, count, size, &done, true);
-        if (qvhost_run_event_loop([](int, int, int) { return 0; }) != 0) Die("no event loop");
     }
 }
 
@@ -228,8 +216,6 @@ BENCHMARK_CAPTURE(CurlProgramBatch, small_500, 500, 128)->Name("small_500/curl_p
 BENCHMARK_CAPTURE(RunnerBatch, big_20x10mb, 20, kBigBody)->Name("big_20x10mb/runner")->Apply(Configure);
 BENCHMARK_CAPTURE(PlainMultiBatch, big_20x10mb, 20, kBigBody)->Name("big_20x10mb/plain_multi")->Apply(Configure);
 BENCHMARK_CAPTURE(CurlProgramBatch, big_20x10mb, 20, kBigBody)->Name("big_20x10mb/curl_program")->Apply(Configure);
-BENCHMARK_CAPTURE(RunnerOnLoopBatch, small_500, 500, 128)->Name("small_500/runner_on_loop")->Apply(Configure);
-BENCHMARK_CAPTURE(RunnerOnLoopBatch, big_20x10mb, 20, kBigBody)->Name("big_20x10mb/runner_on_loop")->Apply(Configure);
 
 int main(int argc, char** argv) {
     // The server is a child process, started while this one has no other thread. A thread for
@@ -242,11 +228,7 @@ int main(int argc, char** argv) {
         {{"runner/plain multi 500 small GETs", "small_500/runner", "small_500/plain_multi", 0.10},
          {"runner/curl --parallel 500 small GETs", "small_500/runner", "small_500/curl_program", 0},
          {"runner/plain multi 20 x 10 MB", "big_20x10mb/runner", "big_20x10mb/plain_multi", 0.10},
-         {"runner/curl --parallel 20 x 10 MB", "big_20x10mb/runner", "big_20x10mb/curl_program", 0},
-         {"runner on the event loop/plain multi 500 small GETs", "small_500/runner_on_loop",
-          "small_500/plain_multi", qvbench::kNoAim},
-         {"runner on the event loop/plain multi 20 x 10 MB", "big_20x10mb/runner_on_loop",
-          "big_20x10mb/plain_multi", qvbench::kNoAim}});
+         {"runner/curl --parallel 20 x 10 MB", "big_20x10mb/runner", "big_20x10mb/curl_program", 0}}});
     g_server.reset();
     curl_global_cleanup();
     return rc;

@@ -22,21 +22,19 @@ constexpr size_t kLoggedBodyLimit = 10240;
 // 20 bodies of 10 MB). The buffer lives only as long as its transfer, and a small answer touches
 // only its first page, so even hundreds of small requests hardly use more memory.
 constexpr long kReadBufferBytes = 96L << 10;
-// The longest the sleep hook, and the timer, wait between two looks at the transfers.
+// The longest the sleep hook waits between two looks at the transfers.
 constexpr long kLongestWaitMs = 50;
 
 #define MR_LOG(level, fmt, ...) QV_LOG_MODULE(level, kModule, fmt, ##__VA_ARGS__)
 
 using Clock = std::chrono::steady_clock;
 
-// libcurl's time-out is when it next needs a call for a time-out of its own (a speed check every
-// second, a connect limit); it counts on its caller to watch the sockets in between. The event
-// loop can't watch them for us, so the timer stands in for the watch: it looks at least every
-// kLongestWaitMs, as the sleep hook does, and sooner when libcurl asks (its -1, "no time-out",
-// included). Left at libcurl's hint, a response that came in would wait up to a second to be
-// read, and a batch of small requests took five times as long.
+// The timer fires when libcurl next asks for a call of its own (a speed check, a connect limit),
+// so between two such calls it is the sleep hook that keeps transfers moving. libcurl's -1 means
+// it has no time-out at all; the timer then looks again soon, or a batch driven by the loop alone
+// would never finish.
 int TimerDelay(long timeout_ms) {
-    return static_cast<int>(timeout_ms < 0 ? kLongestWaitMs : std::min(timeout_ms, kLongestWaitMs));
+    return static_cast<int>(timeout_ms < 0 ? kLongestWaitMs : timeout_ms);
 }
 
 // Hands the body to `sink` in place of the plain appender the request was prepared with; the same
