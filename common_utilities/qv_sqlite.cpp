@@ -270,6 +270,26 @@ int Statement::column_type(int column) const {
     return sqlite3_column_type(stmt_, column);
 }
 
+// ---- KeptStatement ----------------------------------------------------------------------
+
+KeptStatement::Use KeptStatement::use() {
+    if (!statement_) {
+        statement_ = db_.prepare(sql_);
+        return Use(statement_.get());
+    }
+    // The trace reads as it did when every use prepared its statement anew.
+    QV_LOG_TRACE("Preparing statement [%s]", sql_.c_str());
+    return Use(statement_.get());
+}
+
+KeptStatement::Use::~Use() {
+    if (!statement_) return;
+    // sqlite3_reset repeats the code of a failed step, which the use has already seen and
+    // answered: it is no failure of the reset, and is not logged again.
+    sqlite3_reset(statement_->stmt_);
+    sqlite3_clear_bindings(statement_->stmt_);
+}
+
 // ---- Transaction ----------------------------------------------------------------------------
 
 std::unique_ptr<Transaction> Transaction::acquire(Sqlite& db) {
