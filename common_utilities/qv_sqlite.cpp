@@ -275,19 +275,31 @@ int Statement::column_type(int column) const {
 KeptStatement::Use KeptStatement::use() {
     if (!statement_) {
         statement_ = db_.prepare(sql_);
-        return Use(statement_.get());
+        return Use(*this, false);
     }
     // The trace reads as it did when every use prepared its statement anew.
     QV_LOG_TRACE("Preparing statement [%s]", sql_.c_str());
-    return Use(statement_.get());
+    return Use(*this, true);
+}
+
+bool KeptStatement::Use::RemakeAfter(int rc) {
+    // A statement that SQLite could not re-prepare for the new schema answers SQLITE_ERROR (or
+    // SQLITE_SCHEMA); other failures, damage above all, are the file's and are not repeated.
+    if (!kept_ || (rc != SQLITE_ERROR && rc != SQLITE_SCHEMA) || !get()) return false;
+    // Reset first: a finalize after the failed step would repeat its code and log it.
+    sqlite3_reset(get()->stmt_);
+    owner_->release();
+    kept_ = false;
+    return true;
 }
 
 KeptStatement::Use::~Use() {
-    if (!statement_) return;
+    Statement* statement = get();
+    if (!statement) return;
     // sqlite3_reset repeats the code of a failed step, which the use has already seen and
     // answered: it is no failure of the reset, and is not logged again.
-    sqlite3_reset(statement_->stmt_);
-    sqlite3_clear_bindings(statement_->stmt_);
+    sqlite3_reset(statement->stmt_);
+    sqlite3_clear_bindings(statement->stmt_);
 }
 
 // ---- Transaction ----------------------------------------------------------------------------

@@ -172,20 +172,27 @@ public:
     // One use: the statement, ready for binding; reset and cleared when the use ends.
     class Use {
     public:
-        explicit Use(Statement* statement) : statement_(statement) {}
+        Use(KeptStatement& owner, bool kept) : owner_(&owner), kept_(kept) {}
         ~Use();
         Use(const Use&) = delete;
         Use& operator=(const Use&) = delete;
 
         // Null when the statement could not be prepared (Sqlite::prepare has logged why).
-        Statement* get() const { return statement_; }
-        Statement& operator*() const { return *statement_; }
-        Statement* operator->() const { return statement_; }
+        Statement* get() const { return owner_->statement_.get(); }
+        Statement& operator*() const { return *get(); }
+        Statement* operator->() const { return get(); }
+
+        // Whether a step that answered `rc` should be made again on a statement prepared afresh:
+        // a statement kept from an earlier use fails in its step when the file's schema changed
+        // under it (a table dropped by another connection), where a statement prepared for this
+        // use would have failed in its prepare, with that failure's log line. When so, the
+        // statement is dropped, and the next use of its owner prepares it.
+        bool RemakeAfter(int rc);
 
     private:
-        Statement* statement_;
+        KeptStatement* owner_;
+        bool kept_;  // prepared before this use
     };
-
     KeptStatement(Sqlite& db, std::string sql) : db_(db), sql_(std::move(sql)) {}
     KeptStatement(const KeptStatement&) = delete;
     KeptStatement& operator=(const KeptStatement&) = delete;
