@@ -296,9 +296,10 @@ bool KeptStatement::Use::RemakeAfter(int rc) {
 KeptStatement::Use::~Use() {
     Statement* statement = get();
     if (!statement) return;
-    // sqlite3_reset repeats the code of a failed step, which the use has already seen and
-    // answered: it is no failure of the reset, and is not logged again.
-    sqlite3_reset(statement->stmt_);
+    // sqlite3_reset repeats the code of a failed step, as sqlite3_finalize does; the line is the
+    // one a statement made for this use would have left when it was finalized.
+    int rc = sqlite3_reset(statement->stmt_);
+    if (rc != SQLITE_OK) QV_LOG_FAILED(rc, "Can't finalize statement");
     sqlite3_clear_bindings(statement->stmt_);
 }
 

@@ -193,6 +193,7 @@ public:
         KeptStatement* owner_;
         bool kept_;  // prepared before this use
     };
+
     KeptStatement(Sqlite& db, std::string sql) : db_(db), sql_(std::move(sql)) {}
     KeptStatement(const KeptStatement&) = delete;
     KeptStatement& operator=(const KeptStatement&) = delete;

@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <vector>
 
 #include "child_process.h"
 #include "log_capture.h"
@@ -312,8 +313,10 @@ TEST_F(SqliteTest, KeptStatementStartsEveryUseResetAndUnboundAndHoldsNoLockBetwe
     ASSERT_EQ(kRow, nulls->step());
     EXPECT_EQ(1, nulls->column_int(0));
     nulls.reset();
-    // The use that failed was answered by its step: its reset logs nothing more.
-    EXPECT_TRUE(log.Messages(QV_LOG_ERROR).empty());
+    // The use that failed leaves the line a statement of its own would have left when finalized.
+    const std::vector<std::string> errors = log.Messages(QV_LOG_ERROR);
+    ASSERT_EQ(1u, errors.size());
+    EXPECT_EQ(PidLine("Failed with [19] Can't finalize statement"), errors[0]);
     // The trace reads as if every use had prepared its statement.
     int prepared = 0;
     for (const std::string& message : log.Messages(QV_LOG_TRACE))
