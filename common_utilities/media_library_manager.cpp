@@ -73,6 +73,13 @@ const std::map<MediaLibraryManager::TrackGroupType, std::string>
 
 std::string MediaLibraryManager::encoding_ = "1251";
 
+const char* const MediaLibraryManager::kAddFolderSql =
+    "INSERT OR IGNORE INTO folders (storageid, name) VALUES (?, ?)";
+const char* const MediaLibraryManager::kAddTrackSql =
+    "INSERT INTO tracks (title, artist, album, track_no, genre, duration, filename, folder, size, "
+    "fast_hash, timestamp) VALUES (?, ?, ?, ?, ?, ?, ?, (SELECT id FROM folders f WHERE f.name =? "
+    "AND f.storageid = ?), ?, ?, ?) ;";
+
 MediaLibraryManager::Track::Track(const char* path, const char* title) {
     if (!path || !title) throw std::logic_error("Track: path and title must not be null");
     this->path = path;
@@ -90,6 +97,9 @@ MediaLibraryManager::MediaLibraryManager()
 }
 
 MediaLibraryManager::~MediaLibraryManager() {
+    // Before the close: a connection with live statements would refuse it.
+    add_folder_.release();
+    add_track_.release();
     db_.close();
 }
 
@@ -145,32 +155,35 @@ void MediaLibraryManager::LoadEncoding() {
     encoding_ = encoding;
 }
 
+// Each statement is kept from one call to the next. A kept one that fails is made anew and run
+// once more: if the schema changed under it, the prepare now fails and is reported as it would
+// be for a statement made for this call; otherwise the run is repeated, which writes nothing
+// twice, since the failed one wrote nothing.
 int MediaLibraryManager::addTrack(Track track) {
     const int64_t storageId = StorageHelper(db_).GetStorageByPath(track.path);
     const SplitPath split = SplitAtLastSlash(track.path);
 
-    {
+    for (bool again = true; again;) {
         // OR IGNORE overrides the table's ON CONFLICT FAIL: an existing folder is no error, and
         // this step's result is not looked at. Folder rows are made here and nowhere else.
-        std::unique_ptr<Statement> st1 =
-            db_.prepare("INSERT OR IGNORE INTO folders (storageid, name) VALUES (?, ?)");
+        KeptStatement::Use st1 = add_folder_.use();
         QV_RETURN_IF(!st1.get(), QV_FAILED);
         int rc = BindFrom(*st1, 1, storageId, split.folder);
         if (rc != SQLITE_OK) return rc;
-        st1->step();
+        again = st1.RemakeAfter(st1->step());
     }
 
-    std::unique_ptr<Statement> st = db_.prepare(
-        "INSERT INTO tracks (title, artist, album, track_no, genre, duration, filename, folder, "
-        "size, fast_hash, timestamp) VALUES (?, ?, ?, ?, ?, ?, ?, (SELECT id FROM folders f WHERE "
-        "f.name =? AND f.storageid = ?), ?, ?, ?) ;");
-    QV_RETURN_IF(!st.get(), QV_FAILED);
     const auto now = static_cast<int64_t>(std::time(nullptr));
-    int rc = BindFrom(*st, 1, track.title, track.artist, track.album, track.track_no, track.genre,
-                      track.duration, split.name, split.folder, storageId, track.size,
-                      track.fast_hash, now);
-    if (rc != SQLITE_OK) return rc;
-    return st->step() == SQLITE_DONE ? QV_OK : QV_FAILED;
+    for (;;) {
+        KeptStatement::Use st = add_track_.use();
+        QV_RETURN_IF(!st.get(), QV_FAILED);
+        int rc = BindFrom(*st, 1, track.title, track.artist, track.album, track.track_no,
+                          track.genre, track.duration, split.name, split.folder, storageId,
+                          track.size, track.fast_hash, now);
+        if (rc != SQLITE_OK) return rc;
+        rc = st->step();
+        if (!st.RemakeAfter(rc)) return rc == SQLITE_DONE ? QV_OK : QV_FAILED;
+    }
 }
 
 int MediaLibraryManager::removeTrack(int64_t id) {

@@ -169,6 +169,12 @@ private:
     std::vector<int64_t> storage_ids_;
     DbManagerHelper db_helper_;
     std::string collation_;
+    // The two statements of addTrack, parsed once: a scan adds thousands of tracks in a row.
+    KeptStatement add_folder_{db_, kAddFolderSql};
+    KeptStatement add_track_{db_, kAddTrackSql};
+
+    static const char* const kAddFolderSql;
+    static const char* const kAddTrackSql;
 };
 
 }  // namespace utilities

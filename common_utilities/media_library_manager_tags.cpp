@@ -82,7 +82,9 @@ std::string FromCodePage(const std::string& text) {
 
 void ReadTag(const TagLib::Tag& tag, const std::string& name_source,
              MediaLibraryManager::Track& track) {
-    track.title = tag.title().isEmpty() ? TitleFromName(name_source) : TagText(tag.title());
+    // Each accessor of a tag looks its frames up afresh and copies the text: asked once.
+    const TagLib::String title = tag.title();
+    track.title = title.isEmpty() ? TitleFromName(name_source) : TagText(title);
     track.artist = TagText(tag.artist());
     track.album = TagText(tag.album());
     track.genre = TagText(tag.genre());

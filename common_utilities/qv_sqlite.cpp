@@ -270,6 +270,39 @@ int Statement::column_type(int column) const {
     return sqlite3_column_type(stmt_, column);
 }
 
+// ---- KeptStatement ----------------------------------------------------------------------
+
+KeptStatement::Use KeptStatement::use() {
+    if (!statement_) {
+        statement_ = db_.prepare(sql_);
+        return Use(*this, false);
+    }
+    // The trace reads as it did when every use prepared its statement anew.
+    QV_LOG_TRACE("Preparing statement [%s]", sql_.c_str());
+    return Use(*this, true);
+}
+
+bool KeptStatement::Use::RemakeAfter(int rc) {
+    // A statement that SQLite could not re-prepare for the new schema answers SQLITE_ERROR (or
+    // SQLITE_SCHEMA); other failures, damage above all, are the file's and are not repeated.
+    if (!kept_ || (rc != SQLITE_ERROR && rc != SQLITE_SCHEMA) || !get()) return false;
+    // Reset first: a finalize after the failed step would repeat its code and log it.
+    sqlite3_reset(get()->stmt_);
+    owner_->release();
+    kept_ = false;
+    return true;
+}
+
+KeptStatement::Use::~Use() {
+    Statement* statement = get();
+    if (!statement) return;
+    // sqlite3_reset repeats the code of a failed step, as sqlite3_finalize does; the line is the
+    // one a statement made for this use would have left when it was finalized.
+    int rc = sqlite3_reset(statement->stmt_);
+    if (rc != SQLITE_OK) QV_LOG_FAILED(rc, "Can't finalize statement");
+    sqlite3_clear_bindings(statement->stmt_);
+}
+
 // ---- Transaction ----------------------------------------------------------------------------
 
 std::unique_ptr<Transaction> Transaction::acquire(Sqlite& db) {

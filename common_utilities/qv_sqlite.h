@@ -104,6 +104,7 @@ public:
 
 private:
     friend class Sqlite;
+    friend class KeptStatement;
     Statement(sqlite3_stmt* stmt, std::function<void()> corrupt_handler);
 
     void bind_all_impl(int) {}
@@ -159,6 +160,53 @@ public:
     // Called each time SQLite reports the file damaged or not a database. The layer itself
     // neither closes nor removes anything: the owner decides what damage means.
     std::function<void()> corrupt_handler;
+};
+
+// A statement that a manager runs once per item of a long batch (a track per scanned file):
+// prepared on its first use and kept, because parsing the text again for every item costs more
+// than running it. Between uses it is reset with no values bound, so it holds no lock and no
+// snapshot of the file. The owner releases it before the connection closes: a connection with a
+// live statement refuses to close.
+class QV_EXPORT KeptStatement {
+public:
+    // One use: the statement, ready for binding; reset and cleared when the use ends.
+    class Use {
+    public:
+        Use(KeptStatement& owner, bool kept) : owner_(&owner), kept_(kept) {}
+        ~Use();
+        Use(const Use&) = delete;
+        Use& operator=(const Use&) = delete;
+
+        // Null when the statement could not be prepared (Sqlite::prepare has logged why).
+        Statement* get() const { return owner_->statement_.get(); }
+        Statement& operator*() const { return *get(); }
+        Statement* operator->() const { return get(); }
+
+        // Whether a step that answered `rc` should be made again on a statement prepared afresh:
+        // a statement kept from an earlier use fails in its step when the file's schema changed
+        // under it (a table dropped by another connection), where a statement prepared for this
+        // use would have failed in its prepare, with that failure's log line. When so, the
+        // statement is dropped, and the next use of its owner prepares it.
+        bool RemakeAfter(int rc);
+
+    private:
+        KeptStatement* owner_;
+        bool kept_;  // prepared before this use
+    };
+
+    KeptStatement(Sqlite& db, std::string sql) : db_(db), sql_(std::move(sql)) {}
+    KeptStatement(const KeptStatement&) = delete;
+    KeptStatement& operator=(const KeptStatement&) = delete;
+
+    // Prepares on the first use, and again after a failed one.
+    Use use();
+    // Finalizes now; the next use prepares afresh.
+    void release() { statement_.reset(); }
+
+private:
+    Sqlite& db_;
+    const std::string sql_;
+    std::unique_ptr<Statement> statement_;
 };
 
 // BEGIN ... END on a connection, rolled back unless committed. A failed commit leaves the

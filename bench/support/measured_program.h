@@ -13,4 +13,14 @@ namespace qvbench {
 // or doesn't exit with 0.
 std::optional<double> RunMeasured(const std::vector<std::string>& command);
 
+struct Measurement {
+    double peak_mb;
+    // User and system time of the program and of every process it waited for. On a shared
+    // machine this is what the work cost, whatever the neighbours took of the cores meanwhile.
+    double cpu_seconds;
+};
+
+// RunMeasured with the processor time as well.
+std::optional<Measurement> RunMeasuredWithCpu(const std::vector<std::string>& command);
+
 }  // namespace qvbench

@@ -63,6 +63,14 @@ TEST_F(QvtoolScanTest, ScanStoresEachFileOnceAndGoesOnPastUnreadableOnes) {
     EXPECT_TRUE(Contains(first.output, "4 added to the media library, 0 there already, 1 "
                                        "unreadable"))
         << first.output;
+    // The size stored is the file's own.
+    struct stat st {};
+    ASSERT_EQ(0, ::stat((kMusic + "/Rain/2.mp3").c_str(), &st));
+    auto size = qvtest::RunProgram(
+        {"sqlite3", "/mnt/ext1/system/player-2/player-2.db",
+         "SELECT size FROM tracks t JOIN folders f ON t.folder = f.id WHERE f.name = '" + kMusic +
+             "/Rain' AND t.filename = '2.mp3'"});
+    EXPECT_EQ(std::to_string(st.st_size) + "\n", size.output) << size.Describe();
     const bool engine = ::access("/zelgrot/lib/libaudio-engine.so", R_OK) == 0;
     if (engine) {
         EXPECT_TRUE(Contains(first.output, "3 files offered, 0 refused, 2 new books"))

@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <vector>
 
 #include "child_process.h"
 #include "log_capture.h"
@@ -19,6 +20,7 @@
 namespace {
 
 using namespace std::chrono_literals;
+using quorvel::utilities::KeptStatement;
 using quorvel::utilities::Sqlite;
 using quorvel::utilities::SqliteError;
 using quorvel::utilities::Statement;
@@ -281,6 +283,72 @@ TEST_F(SqliteTest, BindAllBindsFromOneAndThrowsAtTheFirstFailure) {
 
     auto insert = db.prepare_v2("INSERT INTO r(a) VALUES(?)");
     EXPECT_EQ("Failed to bind value", ErrorOf([&] { insert->bind_all(1, 2); }));
+}
+
+TEST_F(SqliteTest, KeptStatementStartsEveryUseResetAndUnboundAndHoldsNoLockBetweenUses) {
+    ASSERT_EQ(kDone, db.exec("CREATE TABLE t(x UNIQUE, y); INSERT INTO t VALUES(0, 'zero')"));
+    const std::string insert_sql = "INSERT INTO t VALUES(?, ?)";
+    KeptStatement insert(db, insert_sql);
+    KeptStatement select(db, "SELECT x FROM t ORDER BY x");
+    LogCapture log;
+    {
+        auto st = insert.use();
+        ASSERT_NE(nullptr, st.get());
+        ASSERT_EQ(kOk, st->bind(1, 1));
+        ASSERT_EQ(kOk, st->bind(2, std::string("one")));
+        EXPECT_EQ(kDone, st->step());
+    }
+    {
+        auto st = insert.use();
+        ASSERT_EQ(kOk, st->bind(1, 1));
+        EXPECT_EQ(kConstraint, st->step());
+    }
+    {
+        // Neither the failure nor the values of an earlier use reach this one.
+        auto st = insert.use();
+        ASSERT_EQ(kOk, st->bind(1, 2));
+        EXPECT_EQ(kDone, st->step());
+    }
+    auto nulls = db.prepare_v2("SELECT count(*) FROM t WHERE x = 2 AND y IS NULL");
+    ASSERT_EQ(kRow, nulls->step());
+    EXPECT_EQ(1, nulls->column_int(0));
+    nulls.reset();
+    // The use that failed leaves the line a statement of its own would have left when finalized.
+    const std::vector<std::string> errors = log.Messages(QV_LOG_ERROR);
+    ASSERT_EQ(1u, errors.size());
+    EXPECT_EQ(PidLine("Failed with [19] Can't finalize statement"), errors[0]);
+    // The trace reads as if every use had prepared its statement.
+    int prepared = 0;
+    for (const std::string& message : log.Messages(QV_LOG_TRACE))
+        prepared += message == PidLine("Preparing statement [" + insert_sql + "]") ? 1 : 0;
+    EXPECT_EQ(3, prepared);
+
+    // A use left at a row keeps no read lock: another process may take the file exclusively.
+    {
+        auto st = select.use();
+        ASSERT_EQ(kRow, st->step());
+        EXPECT_EQ(0, st->column_int(0));
+    }
+    auto other = qvtest::RunProgram({"sqlite3", path, "BEGIN EXCLUSIVE; COMMIT;"});
+    EXPECT_TRUE(other.Succeeded()) << other.output;
+
+    // A statement that can't be prepared is tried again on every use.
+    KeptStatement broken(db, "SELEC x");
+    EXPECT_EQ(nullptr, broken.use().get());
+    EXPECT_EQ(nullptr, broken.use().get());
+    int failures = 0;
+    for (const std::string& message : log.Messages(QV_LOG_ERROR))
+        failures += message == PidLine("Failed with [1] Can't prepare statement [SELEC x]") ? 1 : 0;
+    EXPECT_EQ(2, failures);
+
+    // Released, the connection closes (TearDown); a use after the release prepares afresh.
+    insert.release();
+    {
+        auto st = insert.use();
+        ASSERT_EQ(kOk, st->bind(1, 3));
+        EXPECT_EQ(kDone, st->step());
+    }
+    EXPECT_EQ(4, CountRows(db, "t"));
 }
 
 TEST_F(SqliteTest, TransactionFinishesOnceAndRollsBackWhenLeftActive) {

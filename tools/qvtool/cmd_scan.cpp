@@ -54,8 +54,14 @@ std::string WithoutTrailingSlash(std::string path) {
     return path;
 }
 
+// An audio file found by the walk, with the size its stat gave: one stat per file is enough.
+struct Found {
+    std::string path;
+    int32_t size;
+};
+
 // Files below `folder` in name order, hidden names and the system folder left out.
-void Walk(const std::string& folder, std::vector<std::string>& files) {
+void Walk(const std::string& folder, std::vector<Found>& files) {
     if (::strncasecmp(folder.c_str(), "/mnt/ext1/system", 16) == 0) return;
     DIR* dir = ::opendir(folder.c_str());
     if (!dir) return;
@@ -73,7 +79,8 @@ void Walk(const std::string& folder, std::vector<std::string>& files) {
             Walk(path, files);
         } else if (S_ISREG(st.st_mode)) {
             std::string ext = Extension(path);
-            if (kAudio.count(ext) || kAlwaysBooks.count(ext)) files.push_back(path);
+            if (kAudio.count(ext) || kAlwaysBooks.count(ext))
+                files.push_back({std::move(path), static_cast<int32_t>(st.st_size)});
         }
     }
 }
@@ -96,10 +103,10 @@ public:
         if (with_books_) books_before_ = books().getAudioBooks(AudioBooksManager::OrderByTitle).size();
     }
 
-    void Scan(const std::string& path) {
-        std::string ext = Extension(path);
-        if (kAudio.count(ext)) AddToLibrary(path);
-        if (with_books_ && IsBook(path, ext)) OfferBook(path);
+    void Scan(const Found& file) {
+        std::string ext = Extension(file.path);
+        if (kAudio.count(ext)) AddToLibrary(file);
+        if (with_books_ && IsBook(file.path, ext)) OfferBook(file.path);
     }
 
     // The waiting albums become books; the count of books the scan made.
@@ -119,7 +126,8 @@ private:
                            [&](const std::string& folder) { return IsUnder(path, folder); });
     }
 
-    void AddToLibrary(const std::string& path) {
+    void AddToLibrary(const Found& file) {
+        const std::string& path = file.path;
         if (stored_.count(path)) {
             ++counts_.present;
             return;
@@ -131,8 +139,7 @@ private:
             std::cerr << "\nqvtool: scan: " << path << ": tags could not be read; skipped\n";
             return;
         }
-        struct stat st {};
-        if (::stat(path.c_str(), &st) == 0) track.size = static_cast<int32_t>(st.st_size);
+        track.size = file.size;
         if (library_.addTrack(track) != QV_OK) {
             ++counts_.unreadable;
             std::cerr << "\nqvtool: scan: " << path << ": could not be stored (see --verbose)\n";
@@ -174,7 +181,7 @@ int RunScan(Args& args) {
     bool with_books = !args.Flag("--no-books");
     std::vector<std::string> roots = args.Rest();
     if (roots.empty()) throw Failure(kUsage, "no DIR given");
-    std::vector<std::string> files;
+    std::vector<Found> files;
     for (std::string root : roots) {
         root = WithoutTrailingSlash(root);
         struct stat st {};
@@ -187,7 +194,7 @@ int RunScan(Args& args) {
     InterruptGuard guard;
     Progress progress("scanning", files.size());
     size_t done = 0;
-    for (const std::string& file : files) {
+    for (const Found& file : files) {
         if (InterruptGuard::Interrupted()) break;
         scanner.Scan(file);
         progress.Update(++done);
