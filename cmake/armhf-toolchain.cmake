@@ -31,7 +31,10 @@ set(CMAKE_FIND_ROOT_PATH "${QV_ARMHF_SYSROOT}")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+# An application built against an installed tree outside the sysroot says BOTH.
+if(NOT DEFINED CMAKE_FIND_ROOT_PATH_MODE_PACKAGE)
+    set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+endif()
 
 # Debian's armhf baseline is ARMv7-A with VFPv3-D16; the device also has NEON, which the bitmap
 # conversion uses.
