@@ -37,6 +37,7 @@
 #include <pthread.h>
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -99,6 +100,11 @@ private:
     int file_ = WRONG_FILE_DESCRIPTOR;
     Data data_{0, 0};
 };
+
+// The record on disk is 8 bytes whatever the architecture, so that a resume reads what an
+// earlier process (or build) wrote.
+static_assert(sizeof(ProgressFile::Data) == 8 && offsetof(ProgressFile::Data, total) == 4,
+              "progress record: offset and total, two int32");
 
 class Downloader;
 class PthreadLock;

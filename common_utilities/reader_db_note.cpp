@@ -18,12 +18,14 @@ std::string ElementText(const Json::Value& element) {
             return element.asBool() ? "true" : "false";
         case Json::stringValue:
             return element.asString();
+        // 64 bits on every architecture: a 32-bit long would cut a large number down to another
+        // one without a sign of it.
         case Json::intValue:
-            std::snprintf(buffer, sizeof buffer, "%ld", static_cast<long>(element.asInt64()));
+            std::snprintf(buffer, sizeof buffer, "%lld", static_cast<long long>(element.asInt64()));
             return buffer;
         case Json::uintValue:
-            std::snprintf(buffer, sizeof buffer, "%lu",
-                          static_cast<unsigned long>(element.asUInt64()));
+            std::snprintf(buffer, sizeof buffer, "%llu",
+                          static_cast<unsigned long long>(element.asUInt64()));
             return buffer;
         case Json::realValue:
             std::snprintf(buffer, sizeof buffer, "%lg", element.asDouble());

@@ -50,5 +50,10 @@ private:
     size_t size_ = 0;
 };
 
+// Other processes of the device map the same area: the data start 16 bytes in there (glibc's
+// sem_t on 32 bits) and 32 bytes in on a 64-bit host.
+static_assert(SharedStateImpl::kHeaderSize == (sizeof(void*) == 4 ? 16 : 32),
+              "the data of a shared state follow the semaphore's slot");
+
 }  // namespace utilities
 }  // namespace quorvel

@@ -68,5 +68,10 @@ private:
     std::string name_;
 };
 
+// The size at offset 16 and the data at 20 on the device, where every process reads them.
+static_assert(SharedMemorySegmentImpl::kSizeOffset == (sizeof(void*) == 4 ? 16 : 32) &&
+                  SharedMemorySegmentImpl::kHeaderSize == SharedMemorySegmentImpl::kSizeOffset + 4,
+              "the user size follows the semaphore's slot, the data follow the size");
+
 }  // namespace utilities
 }  // namespace quorvel

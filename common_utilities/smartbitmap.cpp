@@ -2,10 +2,15 @@
 
 #include <sys/stat.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
 #include "moorglass.h"
+
+// Bitmaps cross between the library, the platform and the applications: four 16-bit fields,
+// then the pixels, on every architecture.
+static_assert(offsetof(ibitmap_s, data) == 8 && sizeof(ibitmap_s) == 8, "bitmap header layout");
 
 namespace quorvel {
 namespace utilities {

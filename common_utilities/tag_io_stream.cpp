@@ -1,6 +1,7 @@
 #include "common_utilities/tag_io_stream.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <vector>
 
@@ -33,14 +34,16 @@ TagLib::FileName TagIOStream::name() const {
 
 ByteVector TagIOStream::readBlock(unsigned long length) {
     if (cache_position_ >= 0) {
-        long end = cache_position_ + static_cast<long>(length);
+        // In 64 bits: a damaged tag's length near 2 GiB would wrap a 32-bit long round to a
+        // negative end that looks as if it lay inside a cache.
+        const int64_t end = cache_position_ + static_cast<int64_t>(length);
         if (cache_position_ < head_length_ && end < head_length_) {
             ByteVector bytes(head_ + cache_position_, static_cast<unsigned int>(length));
             cache_position_ = static_cast<int>(end);
             return bytes;
         }
         if (cache_position_ >= head_length_ && cache_position_ >= Size() - tail_length_ &&
-            end <= Size()) {
+            end <= static_cast<int64_t>(Size())) {
             long index = tail_length_ + cache_position_ - Size();
             ByteVector bytes(tail_ + index, static_cast<unsigned int>(length));
             cache_position_ = static_cast<int>(end);
@@ -50,8 +53,8 @@ ByteVector TagIOStream::readBlock(unsigned long length) {
         cache_position_ = -1;
     }
     // A damaged tag may ask for far more than the member holds: never allocate past its end.
-    long left = std::max(Size() - zip_.Tell(), 0L);
-    size_t wanted = static_cast<size_t>(std::min(static_cast<long>(length), left));
+    const int64_t left = std::max<int64_t>(Size() - zip_.Tell(), 0);
+    size_t wanted = static_cast<size_t>(std::min(static_cast<int64_t>(length), left));
     if (wanted == 0) return ByteVector();
     std::vector<char> buffer(wanted);
     int read = zip_.Read(buffer.data(), wanted);

@@ -1,5 +1,6 @@
 #include "config_hash.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -9,13 +10,14 @@ namespace {
 
 constexpr int kInitialBuckets = 32;
 
+// 64-bit FNV-1a on every architecture; a 32-bit size_t only keeps the low half for the bucket.
 size_t Fnv1a(const std::string& key) {
-    size_t hash = 1469598103934665603ULL;
+    uint64_t hash = 1469598103934665603ULL;
     for (unsigned char c : key) {
         hash ^= c;
         hash *= 1099511628211ULL;
     }
-    return hash;
+    return static_cast<size_t>(hash);
 }
 
 char* CopyText(const std::string& text) {

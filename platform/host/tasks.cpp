@@ -147,6 +147,10 @@ bool Signal(int pidfd, int signal) {
 // A task is its own session: a Ctrl-C meant for the application that started it, or a signal
 // to that application's group, doesn't reach it. It starts with the default signal handling.
 int Spawn(const char* path, char** argv, pid_t* pid) {
+    // posix_spawn reports a failed exec only where the child shares the parent's memory until
+    // the exec; an emulator that forks instead hands back the pid of a child that exits at once.
+    // A program that isn't there or can't run is refused here on every system alike.
+    if (::access(path, X_OK) != 0) return errno;
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     sigset_t none, defaults;
