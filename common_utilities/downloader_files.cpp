@@ -194,10 +194,11 @@ int prepareContext(const std::string& path, off_t file_size, DownloadContext& co
     }
 
     // A record that claims more than the data file holds, or more than the whole size, belongs
-    // to another file of the same name: start over.
+    // to another file of the same name: start over. So does a negative one, which only damage
+    // makes: the seek to it would fail at every attempt, and the download could never go on.
     ProgressFile::Data& record = context.progress.data();
     off_t limit = record.total != 0 ? record.total : file_size;
-    if (record.offset > offset || record.offset > limit) {
+    if (record.offset < 0 || record.offset > offset || record.offset > limit) {
         record.offset = 0;
         context.progress.Write();
     }

@@ -139,6 +139,7 @@ TEST_F(DownloadFiles, PreparationReservesAndFindsTheResumePoint) {
         {500, 700, 0, 1000},     // beyond what the file held (measured before the reservation)
         {1000, 900, 800, 1000},  // beyond the recorded total
         {1000, 300, 0, 0},       // with no size known at all, nothing can be trusted
+        {500, -1, 8, 1024},      // damaged: a negative resume point (found by fuzz_download_files)
     };
     for (const VoidRecord& r : void_records) {
         ::truncate(data.c_str(), r.length);
