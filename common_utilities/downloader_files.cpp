@@ -247,7 +247,10 @@ size_t Downloader::WriteFunction(char* data, size_t size, size_t nmemb, void* co
 
 // ---- Naming and clean-up ---------------------------------------------------------------------
 
-std::string get_final_name(const std::string& path) {
+std::string get_final_name(const std::string& whole_path) {
+    // The file system sees a name up to its first zero byte. Every candidate of a name with one
+    // inside would be the same file, and the search for a free one would never end.
+    const std::string path = whole_path.c_str();
     std::string stem = path;
     std::string extension;
     size_t dot = path.rfind('.');
