@@ -225,7 +225,9 @@ std::string ConfigDocument::Render() const {
         text += loses_cr ? EncodeValue(DecodeValue(line.raw)) : line.raw;
         text += '\n';
     }
-    return text;
+    // Reading drops one byte-order mark at the start: a first key that begins with one keeps it
+    // only behind a mark of the file's own.
+    return StartsWith(text, kBom) ? kBom + text : text;
 }
 
 void ConfigDocument::ForEach(

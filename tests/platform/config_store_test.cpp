@@ -128,6 +128,13 @@ TEST(ConfigStore, SaveKeepsOrderAndCommentsAndRoundTripsAnyValue) {
     WriteString(crlf.get(), "other", "3");
     ASSERT_EQ(SaveConfig(crlf.get()), 0);
     EXPECT_EQ(Read(Open().get(), "cr"), "2\r");
+
+    // So does a first key that begins with a byte-order mark.
+    WriteFile("");
+    Config marked = Open();
+    WriteString(marked.get(), "\xEF\xBB\xBFkey", "v");
+    ASSERT_EQ(SaveConfig(marked.get()), 0);
+    EXPECT_EQ(Read(Open().get(), "\xEF\xBB\xBFkey"), "v");
 }
 
 TEST(ConfigStore, SecretsStayOutOfPlainSight) {

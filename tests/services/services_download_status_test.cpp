@@ -184,6 +184,17 @@ TEST(ServicesDownloadStatus, DamagedFilesAreRepairedOnLoad) {
     }
     EXPECT_EQ(both.size(), FileBytes().size());
 
+    // A text too long to be written back ends the data like a cut record: the others still
+    // publish, and the damaged record stays, without the text.
+    DownloadStatus c;
+    ASSERT_EQ(QV_OK, c.Init("@c", 3));
+    std::string long_text = FileBytes();
+    long_text.insert(long_text.size() - 1, std::string(40000, 'x'));  // @c's custom message
+    WriteBytes(long_text);
+    ASSERT_EQ(QV_OK, a.StopDownload());
+    EXPECT_EQ((std::vector<std::string>{"@a", "@b", "@c"}), Names());
+    EXPECT_LT(FileBytes().size(), 1000u);
+
     // A count of files far beyond the data ends at the data's end, not in memory.
     std::string huge = FileBytes();
     size_t count_at = huge.find("@b") + 2 + 1 + 4 * 3 + 1 + 16 + 3 + 16;
@@ -196,7 +207,7 @@ TEST(ServicesDownloadStatus, DamagedFilesAreRepairedOnLoad) {
     EXPECT_EQ(std::vector<std::string>{""}, Names());
     WriteBytes("");
     EXPECT_TRUE(Names().empty());
-    ASSERT_EQ(QV_OK, a.StopDownload());
+    ASSERT_EQ(QV_OK, a.StartDownload());
     EXPECT_EQ(std::vector<std::string>{"@a"}, Names());
 }
 
