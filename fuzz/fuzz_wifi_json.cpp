@@ -26,9 +26,13 @@ void CheckRecords(const std::vector<WifiInfo>& networks) {
     }
 }
 
-// The fields a save keeps; secrets that the secure service's buffer can hold whole.
+// The longest secret the host's secure service enciphers within its 160-byte buffer; a longer
+// one comes back empty, and a save loses it.
+constexpr size_t kLongestSecret = 106;
+
+// The fields a save keeps; the secrets when the secure service could encipher them.
 bool SameSaved(const WifiInfo& a, const WifiInfo& b) {
-    bool secrets = a.key.size() >= 159 || a.password.size() >= 159 ||
+    bool secrets = a.key.size() > kLongestSecret || a.password.size() > kLongestSecret ||
                    (a.key == b.key && a.password == b.password);
     return a.essid == b.essid && a.cacert == b.cacert && a.hidden == b.hidden && a.idle == b.idle &&
            a.mode == b.mode && a.security == b.security && a.wepmode == b.wepmode &&
