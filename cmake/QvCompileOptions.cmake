@@ -38,3 +38,17 @@ if(QV_SANITIZE)
     add_compile_options(${_qv_flags})
     add_link_options("-fsanitize=${QV_SANITIZE}")
 endif()
+
+# ---- Fuzzing ----------------------------------------------------------------------------------
+# The fuzz build instruments everything for coverage (the library is what the fuzzer explores);
+# only the fuzz targets link libFuzzer's driver. It needs clang and runs under AddressSanitizer and
+# UndefinedBehaviorSanitizer, so that an out-of-bounds access is a finding and not luck.
+if(QV_BUILD_FUZZ)
+    if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+        message(FATAL_ERROR "QV_BUILD_FUZZ needs clang (-DCMAKE_CXX_COMPILER=clang++)")
+    endif()
+    if(NOT QV_SANITIZE STREQUAL "address,undefined")
+        message(FATAL_ERROR "QV_BUILD_FUZZ needs -DQV_SANITIZE=address,undefined")
+    endif()
+    add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

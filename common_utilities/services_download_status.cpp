@@ -30,6 +30,19 @@ using SU = SerializationUtils;
     } while (0)
 
 constexpr size_t kReadPiece = 1023;
+// The longest text the stream form writes.
+constexpr size_t kLongestText = 32767;
+
+// A text longer than the form can write back only comes from damage. It ends the data like a cut
+// record, and is dropped: kept, it would make every later save of the file fail, and no service
+// could publish again.
+int ReadText(std::istream& stream, std::string* text) {
+    int err = SU::DeserializeString(stream, text);
+    if (err != QV_OK || text->size() <= kLongestText) return err;
+    text->clear();
+    stream.setstate(std::ios::failbit);
+    return QV_FAILED;
+}
 
 }  // namespace
 
@@ -47,9 +60,9 @@ int DownloadStatus::File::WriteToStream(std::ostream& stream) const {
 }
 
 int DownloadStatus::File::ReadFromStream(std::istream& stream) {
-    QV_FIELD(SU::DeserializeString(stream, &id));
-    QV_FIELD(SU::DeserializeString(stream, &text_a));
-    QV_FIELD(SU::DeserializeString(stream, &text_b));
+    QV_FIELD(ReadText(stream, &id));
+    QV_FIELD(ReadText(stream, &text_a));
+    QV_FIELD(ReadText(stream, &text_b));
     QV_FIELD(SU::DeserializeInt32(stream, &value_a));
     QV_FIELD(SU::DeserializeInt32(stream, &value_b));
     QV_FIELD(SU::DeserializeInt32(stream, &value_c));
@@ -161,11 +174,11 @@ int DownloadStatus::WriteToStream(std::ostream& stream) const {
 int DownloadStatus::ReadFromStream(std::istream& stream) {
     if (stream.get() == std::char_traits<char>::eof()) return QV_TIMEOUT;
     stream.unget();
-    QV_FIELD(SU::DeserializeString(stream, &service_name_));
+    QV_FIELD(ReadText(stream, &service_name_));
     QV_FIELD(SU::DeserializeInt32(stream, &pid_));
     QV_FIELD(SU::DeserializeInt32(stream, &status_));
     QV_FIELD(SU::DeserializeInt32(stream, &error_));
-    QV_FIELD(SU::DeserializeString(stream, &error_message_));
+    QV_FIELD(ReadText(stream, &error_message_));
     QV_FIELD(SU::DeserializeInt32(stream, &total_a));
     QV_FIELD(SU::DeserializeInt32(stream, &total_b));
     QV_FIELD(SU::DeserializeInt32(stream, &total_c));
@@ -181,7 +194,7 @@ int DownloadStatus::ReadFromStream(std::istream& stream) {
         QV_FIELD(file.ReadFromStream(stream));
         files_.push_back(std::move(file));
     }
-    QV_FIELD(SU::DeserializeString(stream, &custom_message_));
+    QV_FIELD(ReadText(stream, &custom_message_));
     return QV_OK;
 }
 
@@ -247,8 +260,12 @@ void ServicesDownloadStatus::ParseRecords(const std::string& data) {
         if (err == QV_TIMEOUT) break;
         if (err != QV_OK) {
             // The records read whole are written back, then the damaged one is taken as far as
-            // it was read; the failed stream ends the loop.
+            // it was read; the failed stream ends the loop. It never replaces a whole record of
+            // its name: its unread fields are zeros, and the next save would put them over a
+            // service's real state.
             SaveToFile();
+            statuses_.emplace(record.service_name_, std::move(record));
+            continue;
         }
         statuses_[record.service_name_] = std::move(record);
     }

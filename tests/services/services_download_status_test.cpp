@@ -171,6 +171,30 @@ TEST(ServicesDownloadStatus, DamagedFilesAreRepairedOnLoad) {
     EXPECT_EQ("back", statuses[1].custom_message());
     EXPECT_EQ(1u, statuses[1].GetFileList().size());
 
+    // A torn copy of a record behind its whole one (found by fuzz_status_file) leaves the whole
+    // one in place, also through the next publication of another service.
+    const std::string both = FileBytes();
+    WriteBytes(both + both.substr(both.find("@b"), 12));
+    for (int round = 0; round < 2; ++round) {
+        statuses = ServicesDownloadStatus::GetInstance().GetStatuses();
+        ASSERT_EQ(2u, statuses.size());
+        EXPECT_EQ("back", statuses[1].custom_message()) << round;
+        EXPECT_EQ(1u, statuses[1].GetFileList().size()) << round;
+        ASSERT_EQ(QV_OK, a.StartDownload());
+    }
+    EXPECT_EQ(both.size(), FileBytes().size());
+
+    // A text too long to be written back ends the data like a cut record: the others still
+    // publish, and the damaged record stays, without the text.
+    DownloadStatus c;
+    ASSERT_EQ(QV_OK, c.Init("@c", 3));
+    std::string long_text = FileBytes();
+    long_text.insert(long_text.size() - 1, std::string(40000, 'x'));  // @c's custom message
+    WriteBytes(long_text);
+    ASSERT_EQ(QV_OK, a.StopDownload());
+    EXPECT_EQ((std::vector<std::string>{"@a", "@b", "@c"}), Names());
+    EXPECT_LT(FileBytes().size(), 1000u);
+
     // A count of files far beyond the data ends at the data's end, not in memory.
     std::string huge = FileBytes();
     size_t count_at = huge.find("@b") + 2 + 1 + 4 * 3 + 1 + 16 + 3 + 16;
@@ -183,7 +207,7 @@ TEST(ServicesDownloadStatus, DamagedFilesAreRepairedOnLoad) {
     EXPECT_EQ(std::vector<std::string>{""}, Names());
     WriteBytes("");
     EXPECT_TRUE(Names().empty());
-    ASSERT_EQ(QV_OK, a.StopDownload());
+    ASSERT_EQ(QV_OK, a.StartDownload());
     EXPECT_EQ(std::vector<std::string>{"@a"}, Names());
 }
 

@@ -2,26 +2,13 @@
 // the device sandbox; outside it they refuse, rather than touch the host's own directories.
 
 #include <gtest/gtest.h>
-#include <sys/vfs.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 
+#include "sandbox_check.h"
+
 namespace {
-
-constexpr long kTmpfsMagic = 0x01021994;
-
-bool InsideSandbox() {
-    const char* flag = std::getenv("QV_SANDBOX");
-    if (!flag || std::strcmp(flag, "1") != 0) return false;
-    for (const char* path : {"/mnt/ext1", "/zelgrot", "/tmp"}) {
-        struct statfs fs {};
-        if (::statfs(path, &fs) != 0 || fs.f_type != kTmpfsMagic) return false;
-    }
-    return true;
-}
 
 bool OnlyListing(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
@@ -34,7 +21,7 @@ bool OnlyListing(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
-    if (!OnlyListing(argc, argv) && !InsideSandbox()) {
+    if (!OnlyListing(argc, argv) && !qvtest::InsideSandbox()) {
         std::fprintf(stderr,
                      "%s: tests run inside the device sandbox only; use ctest, or "
                      "build/<dir>/bin/devsandbox -- %s\n",
