@@ -21,7 +21,7 @@ GreyImage ReadTiff(const char* path) {
     uint32_t width = 0, height = 0;
     TIFFGetField(tiff.get(), TIFFTAG_IMAGEWIDTH, &width);
     TIFFGetField(tiff.get(), TIFFTAG_IMAGELENGTH, &height);
-    if (width < 1 || height < 1 || width > 65535 || height > 65535) return image;
+    if (!WithinPixelBudget(width, height)) return image;
     std::vector<uint32_t> raster(static_cast<size_t>(width) * height);
     if (!TIFFReadRGBAImageOriented(tiff.get(), width, height, raster.data(), ORIENTATION_TOPLEFT,
                                    1))
