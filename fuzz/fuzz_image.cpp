@@ -17,8 +17,8 @@ const char* const kSuffixes[] = {"png", "jpg", "jpeg", "bmp", "tif", "tiff", "PN
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1) return 0;
-    const std::string path =
-        std::string("/tmp/fuzz-image.") + kSuffixes[data[0] % (sizeof kSuffixes / sizeof *kSuffixes)];
+    const std::string path = std::string("/tmp/fuzz-image.") +
+                             kSuffixes[data[0] % (sizeof kSuffixes / sizeof *kSuffixes)];
     qvfuzz::WriteFile(path, data + 1, size - 1);
 
     SmartBitmap picture;
@@ -30,7 +30,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!grey.isEmpty()) {
         const ibitmap* g = grey.GetBitmap();
         // Touch the last pixel: a block shorter than its header claims shows here.
-        volatile uint8_t last = g->data[static_cast<size_t>(g->scanline) * (g->height - 1) + g->width - 1];
+        volatile uint8_t last =
+            g->data[static_cast<size_t>(g->scanline) * (g->height - 1) + g->width - 1];
         (void)last;
     }
     return 0;

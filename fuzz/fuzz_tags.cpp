@@ -19,8 +19,8 @@ using quorvel::utilities::MediaLibraryManager;
 
 namespace {
 
-const char* const kSuffixes[] = {"mp3", "ogg", "oga", "flac", "mpc", "wv",  "spx", "opus",
-                                 "tta", "m4a", "m4b", "mp4",  "wma", "asf", "aif", "wav",
+const char* const kSuffixes[] = {"mp3", "ogg", "oga", "flac", "mpc", "wv",  "spx",  "opus",
+                                 "tta", "m4a", "m4b", "mp4",  "wma", "asf", "aif",  "wav",
                                  "ape", "xm",  "s3m", "it",   "mod", "MP3", "aiff", "dsf"};
 const char* const kCodePages[] = {"1251", "koi8-r", "1252", "1250"};
 constexpr size_t kStretched = TagIOStream::kHeadSize + TagIOStream::kTailSize + 4096;

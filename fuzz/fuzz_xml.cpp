@@ -12,8 +12,8 @@ using quorvel::utilities::IParser;
 
 namespace {
 
-const char* const kEncodings[] = {nullptr, "UTF-8", "ISO-8859-1", "US-ASCII", "UTF-16",
-                                  "UTF-16LE", "windows-1251", "no-such-encoding"};
+const char* const kEncodings[] = {nullptr,  "UTF-8",    "ISO-8859-1",   "US-ASCII",
+                                  "UTF-16", "UTF-16LE", "windows-1251", "no-such-encoding"};
 
 // Keeps what it is handed, so that every string the parser passes is read through.
 class Collector : public IParser {

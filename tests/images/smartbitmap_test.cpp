@@ -109,6 +109,69 @@ TEST(SmartBitmap, LoadsEveryFormatAndDepthAndRefusesTruncatedFiles) {
     }
 }
 
+// Little-endian fields of the hand-made headers below.
+std::string Le(uint32_t value, int bytes) {
+    std::string out;
+    for (int i = 0; i < bytes; ++i)
+        out += static_cast<char>(value >> (8 * i));
+    return out;
+}
+
+void WriteBytes(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+// Files of a few hundred bytes whose headers claim 65535 x 65535 pixels (the fuzzer's finds):
+// each decoder allocated and cleared gigabytes before it looked at a pixel. They are refused.
+TEST(SmartBitmap, RefusesFilesThatClaimHugePictures) {
+    const std::string dir = "/tmp/images/";
+    ::mkdir(dir.c_str(), 0755);
+    const std::string png_signature("\x89PNG\r\n\x1a\n", 8);
+    const std::string ihdr(
+        "\x00\x00\x00\x0d"
+        "IHDR\x00\x00\xff\xff\x00\x00\xff\xff\x08\x00\x00\x00"
+        "\x00\x93\x6e\x86\x8c",
+        25);
+    const std::string idat(
+        "\x00\x00\x00\x0c"
+        "IDAT\x78\x9c\x63\x60\xa0\x3d\x00\x00\x00\x64\x00"
+        "\x01\x86\x64\x3c\x35",
+        24);
+    WriteBytes(dir + "huge.png",
+               png_signature + ihdr + idat + std::string("\0\0\0\0IEND\xae\x42\x60\x82", 12));
+
+    // Run-length BMP: the end-of-bitmap mark right after a one-colour palette.
+    WriteBytes(dir + "huge.bmp", "BM" + Le(60, 4) + Le(0, 4) + Le(58, 4) + Le(40, 4) +
+                                     Le(65535, 4) + Le(65535, 4) + Le(1, 2) + Le(8, 2) + Le(1, 4) +
+                                     Le(2, 4) + Le(0, 4) + Le(0, 4) + Le(1, 4) + Le(0, 4) +
+                                     Le(0, 4) + std::string("\0\x01", 2));
+
+    // TIFF with 8-bit grey strips of 65535 rows, the first holding one byte.
+    std::string tiff = "II*" + std::string(1, '\0') + Le(8, 4) + Le(8, 2);
+    const uint32_t data_at = 8 + 2 + 8 * 12 + 4;
+    const uint32_t fields[][3] = {{256, 3, 65535}, {257, 3, 65535}, {258, 3, 8},
+                                  {259, 3, 1},     {262, 3, 1},     {273, 4, data_at},
+                                  {278, 3, 65535}, {279, 4, 1}};  // tag, type, value
+    for (const auto& [tag, type, value] : fields)
+        tiff += Le(tag, 2) + Le(type, 2) + Le(1, 4) + Le(value, 4);
+    WriteBytes(dir + "huge.tif", tiff + Le(0, 4) + "\x80");
+
+    // A real JPEG whose frame header is made to say 65500 x 65500.
+    Convert("-size 8x8 xc:gray " + dir + "small.jpg");
+    std::ifstream in(dir + "small.jpg", std::ios::binary);
+    std::string jpeg((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const size_t frame = jpeg.find("\xff\xc0");
+    ASSERT_NE(std::string::npos, frame);
+    jpeg.replace(frame + 5, 4, "\xff\xdc\xff\xdc");
+    WriteBytes(dir + "huge.jpg", jpeg);
+
+    for (const char* name : {"huge.png", "huge.bmp", "huge.tif", "huge.jpg"}) {
+        SmartBitmap image;
+        EXPECT_FALSE(image.Load(dir + name, false)) << name;
+        EXPECT_EQ(nullptr, image.GetBitmap()) << name;
+    }
+}
+
 TEST(SmartBitmap, ExtensionDecidesTheDecoder) {
     const std::string base = qvtest::HalfBlackPicture();
     Convert(base + " /tmp/images/real.bmp");
