@@ -194,10 +194,11 @@ int prepareContext(const std::string& path, off_t file_size, DownloadContext& co
     }
 
     // A record that claims more than the data file holds, or more than the whole size, belongs
-    // to another file of the same name: start over.
+    // to another file of the same name: start over. So does a negative one, which only damage
+    // makes: the seek to it would fail at every attempt, and the download could never go on.
     ProgressFile::Data& record = context.progress.data();
     off_t limit = record.total != 0 ? record.total : file_size;
-    if (record.offset > offset || record.offset > limit) {
+    if (record.offset < 0 || record.offset > offset || record.offset > limit) {
         record.offset = 0;
         context.progress.Write();
     }
@@ -246,7 +247,10 @@ size_t Downloader::WriteFunction(char* data, size_t size, size_t nmemb, void* co
 
 // ---- Naming and clean-up ---------------------------------------------------------------------
 
-std::string get_final_name(const std::string& path) {
+std::string get_final_name(const std::string& whole_path) {
+    // The file system sees a name up to its first zero byte. Every candidate of a name with one
+    // inside would be the same file, and the search for a free one would never end.
+    const std::string path = whole_path.c_str();
     std::string stem = path;
     std::string extension;
     size_t dot = path.rfind('.');

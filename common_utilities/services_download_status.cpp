@@ -247,8 +247,12 @@ void ServicesDownloadStatus::ParseRecords(const std::string& data) {
         if (err == QV_TIMEOUT) break;
         if (err != QV_OK) {
             // The records read whole are written back, then the damaged one is taken as far as
-            // it was read; the failed stream ends the loop.
+            // it was read; the failed stream ends the loop. It never replaces a whole record of
+            // its name: its unread fields are zeros, and the next save would put them over a
+            // service's real state.
             SaveToFile();
+            statuses_.emplace(record.service_name_, std::move(record));
+            continue;
         }
         statuses_[record.service_name_] = std::move(record);
     }

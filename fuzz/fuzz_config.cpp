@@ -55,7 +55,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         conf.ReadTime(key, 7);
     }  // closes the file, saved
 
-    value = value.c_str();  // what a C string can carry
+    // Keys and values reach the platform as C strings.
+    key = key.c_str();
+    value = value.c_str();
     if (secret)
         cfg.WriteSecret(kFile, key, value, false);
     else
@@ -69,8 +71,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         QVFUZZ_CHECK(found != after.end() && found->second == v);
     }
     if (Storable(key))
-        QVFUZZ_CHECK((secret ? cfg.ReadSecret(kFile, key, "\x01") : cfg.ReadString(kFile, key, "\x01")) ==
-                     value);
+        QVFUZZ_CHECK((secret ? cfg.ReadSecret(kFile, key, "\x01")
+                             : cfg.ReadString(kFile, key, "\x01")) == value);
     cfg.CloseConfig(kFile, false);
     return 0;
 }

@@ -96,16 +96,26 @@ Read ReadTimestamp(std::istream& in) {
 Read ReadOne(uint8_t op, std::istream& in, bool* exact) {
     *exact = true;
     switch (op % 10) {
-        case 0: return Value<char>(in, S::DeserializeChar, S::SerializeChar);
-        case 1: return Value<unsigned char>(in, S::DeserializeUChar, S::SerializeUChar);
-        case 2: return Value<uint16_t>(in, S::DeserializeUInt16, S::SerializeUInt16);
-        case 3: return Value<int16_t>(in, S::DeserializeInt16, S::SerializeInt16);
-        case 4: return Value<int32_t>(in, S::DeserializeInt32, S::SerializeInt32);
-        case 5: return Value<int64_t>(in, S::DeserializeInt64, S::SerializeInt64);
-        case 6: return ReadTimestamp(in);
-        case 7: return ReadString(in);
-        case 8: return ReadList(in, exact);
-        default: return ReadLanguage(in);
+        case 0:
+            return Value<char>(in, S::DeserializeChar, S::SerializeChar);
+        case 1:
+            return Value<unsigned char>(in, S::DeserializeUChar, S::SerializeUChar);
+        case 2:
+            return Value<uint16_t>(in, S::DeserializeUInt16, S::SerializeUInt16);
+        case 3:
+            return Value<int16_t>(in, S::DeserializeInt16, S::SerializeInt16);
+        case 4:
+            return Value<int32_t>(in, S::DeserializeInt32, S::SerializeInt32);
+        case 5:
+            return Value<int64_t>(in, S::DeserializeInt64, S::SerializeInt64);
+        case 6:
+            return ReadTimestamp(in);
+        case 7:
+            return ReadString(in);
+        case 8:
+            return ReadList(in, exact);
+        default:
+            return ReadLanguage(in);
     }
 }
 
@@ -120,8 +130,8 @@ void ReadRecord(const std::vector<uint8_t>& ops, const std::string& stream) {
         std::streamoff after = in.tellg();
         QVFUZZ_CHECK(before >= 0 && after >= before);
         if (exact)
-            QVFUZZ_CHECK(read.written ==
-                         stream.substr(static_cast<size_t>(before), static_cast<size_t>(after - before)));
+            QVFUZZ_CHECK(read.written == stream.substr(static_cast<size_t>(before),
+                                                       static_cast<size_t>(after - before)));
     }
 }
 
@@ -142,7 +152,8 @@ void Encodings(const std::string& text) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider input(data, size);
     std::vector<uint8_t> ops(input.ConsumeIntegralInRange<size_t>(0, 24));
-    for (uint8_t& op : ops) op = input.ConsumeIntegral<uint8_t>();
+    for (uint8_t& op : ops)
+        op = input.ConsumeIntegral<uint8_t>();
     std::string stream = input.ConsumeRemainingBytesAsString();
     ReadRecord(ops, stream);
     Encodings(stream);

@@ -42,8 +42,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     qvfuzz::WriteFile(kToAdd, add_file);
     DetailedNetworkInfo d;
-    if (!known.empty()) static_cast<WifiInfo&>(d) = known.back();
-    else d.essid = "fuzz";
+    if (!known.empty())
+        static_cast<WifiInfo&>(d) = known.back();
+    else
+        d.essid = "fuzz";
     QVFUZZ_CHECK(Network::GetInstance().FillConfig(d, kToAdd) == 0);
 
     Config& cfg = Config::GetInstance();

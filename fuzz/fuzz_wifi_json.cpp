@@ -30,10 +30,10 @@ void CheckRecords(const std::vector<WifiInfo>& networks) {
 bool SameSaved(const WifiInfo& a, const WifiInfo& b) {
     bool secrets = a.key.size() >= 159 || a.password.size() >= 159 ||
                    (a.key == b.key && a.password == b.password);
-    return a.essid == b.essid && a.cacert == b.cacert && a.hidden == b.hidden &&
-           a.idle == b.idle && a.mode == b.mode && a.security == b.security &&
-           a.wepmode == b.wepmode && a.eaptype == b.eaptype && a.username == b.username &&
-           a.usercert == b.usercert && secrets;
+    return a.essid == b.essid && a.cacert == b.cacert && a.hidden == b.hidden && a.idle == b.idle &&
+           a.mode == b.mode && a.security == b.security && a.wepmode == b.wepmode &&
+           a.eaptype == b.eaptype && a.username == b.username && a.usercert == b.usercert &&
+           secrets;
 }
 
 }  // namespace

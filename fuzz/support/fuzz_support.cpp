@@ -43,7 +43,8 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** argv) {
     if (!qvtest::InsideSandbox())
         qvfuzz::Fail(std::string((*argv)[0]) +
                      " runs inside the device sandbox only; use ./run fuzz, or "
-                     "build/fuzz/bin/devsandbox -- " + (*argv)[0]);
+                     "build/fuzz/bin/devsandbox -- " +
+                     (*argv)[0]);
     qvhost_set_log_level(0);
     if (qvfuzz::SetUp) qvfuzz::SetUp();
     return 0;

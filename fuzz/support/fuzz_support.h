@@ -33,6 +33,4 @@ void WriteFile(const std::string& path, const std::string& text);
 #define QVFUZZ_CHECK(condition) \
     ((condition) ? static_cast<void>(0) : qvfuzz::Violated(#condition, __FILE__, __LINE__))
 
-namespace qvfuzz {
-
-}  // namespace qvfuzz
+namespace qvfuzz {}  // namespace qvfuzz

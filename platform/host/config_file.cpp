@@ -219,7 +219,10 @@ std::string ConfigDocument::Render() const {
     for (const auto& line : lines_) {
         if (line.removed) continue;
         if (!line.key.empty()) text += line.key + '=';
-        text += line.raw;
+        // A kept value that ends in a carriage return (one of "\r\r\n") would lose it to the
+        // CRLF rule at the next read: it is written encoded instead.
+        bool loses_cr = !line.key.empty() && !line.raw.empty() && line.raw.back() == '\r';
+        text += loses_cr ? EncodeValue(DecodeValue(line.raw)) : line.raw;
         text += '\n';
     }
     return text;

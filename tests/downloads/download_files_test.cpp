@@ -139,6 +139,7 @@ TEST_F(DownloadFiles, PreparationReservesAndFindsTheResumePoint) {
         {500, 700, 0, 1000},     // beyond what the file held (measured before the reservation)
         {1000, 900, 800, 1000},  // beyond the recorded total
         {1000, 300, 0, 0},       // with no size known at all, nothing can be trusted
+        {500, -1, 8, 1024},      // damaged: a negative resume point (found by fuzz_download_files)
     };
     for (const VoidRecord& r : void_records) {
         ::truncate(data.c_str(), r.length);
@@ -330,6 +331,10 @@ TEST_F(DownloadFiles, FinalNamesKeepTheirExtensionAndSkipTakenOnes) {
     // A seven-byte path with a dot counts as a ".fb2.zip" whose stem is the whole path.
     EXPECT_EQ(get_final_name("/q/a.bc"), "/q/a.bc.fb2.zip");
     EXPECT_EQ(get_final_name("/qq/a.bc"), "/qq/a.bc");
+    // A name with a zero byte inside is the name before it, as the file system sees it; the
+    // search for a free one ends (found by fuzz_download_files).
+    EXPECT_EQ(get_final_name(std::string("/tmp/names/book.epub\0#\0@", 24)),
+              "/tmp/names/book_2.epub");
 }
 
 }  // namespace

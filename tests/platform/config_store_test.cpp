@@ -119,6 +119,15 @@ TEST(ConfigStore, SaveKeepsOrderAndCommentsAndRoundTripsAnyValue) {
     EXPECT_EQ(Read(again.get(), "lookalike"), "$qvs$00");
     EXPECT_EQ(ReadInt(again.get(), "n", 0), -12);
     EXPECT_EQ(Read(again.get(), "b"), "<none>");
+
+    // A value ending in a carriage return, in a CRLF file, survives a save of another key
+    // (found by fuzz_config).
+    WriteFile("cr=2\r\r\nother=1\r\n");
+    Config crlf = Open();
+    ASSERT_EQ(Read(crlf.get(), "cr"), "2\r");
+    WriteString(crlf.get(), "other", "3");
+    ASSERT_EQ(SaveConfig(crlf.get()), 0);
+    EXPECT_EQ(Read(Open().get(), "cr"), "2\r");
 }
 
 TEST(ConfigStore, SecretsStayOutOfPlainSight) {

@@ -171,6 +171,19 @@ TEST(ServicesDownloadStatus, DamagedFilesAreRepairedOnLoad) {
     EXPECT_EQ("back", statuses[1].custom_message());
     EXPECT_EQ(1u, statuses[1].GetFileList().size());
 
+    // A torn copy of a record behind its whole one (found by fuzz_status_file) leaves the whole
+    // one in place, also through the next publication of another service.
+    const std::string both = FileBytes();
+    WriteBytes(both + both.substr(both.find("@b"), 12));
+    for (int round = 0; round < 2; ++round) {
+        statuses = ServicesDownloadStatus::GetInstance().GetStatuses();
+        ASSERT_EQ(2u, statuses.size());
+        EXPECT_EQ("back", statuses[1].custom_message()) << round;
+        EXPECT_EQ(1u, statuses[1].GetFileList().size()) << round;
+        ASSERT_EQ(QV_OK, a.StartDownload());
+    }
+    EXPECT_EQ(both.size(), FileBytes().size());
+
     // A count of files far beyond the data ends at the data's end, not in memory.
     std::string huge = FileBytes();
     size_t count_at = huge.find("@b") + 2 + 1 + 4 * 3 + 1 + 16 + 3 + 16;
