@@ -9,8 +9,11 @@ using TagLib::ByteVector;
 
 TagIOStream::TagIOStream(const std::string& zip_path, const std::string& entry_name)
     : entry_name_(entry_name) {
-    if (zip_.Open(zip_path, entry_name) != quorvel::QVZM_OK) return;
-    if (Size() >= static_cast<long>(kHeadSize) + kTailSize + 1) FillCaches();
+    const bool opened = zip_.Open(zip_path, entry_name) == quorvel::QVZM_OK;
+    // Asking the archive costs a seek and a read of the member's directory record, and tag
+    // readers ask for every block they read: a member's size is read once.
+    size_ = zip_.GetCurrentFileSize();
+    if (opened && size_ >= static_cast<long>(kHeadSize) + kTailSize + 1) FillCaches();
 }
 
 TagIOStream::~TagIOStream() = default;
@@ -25,7 +28,7 @@ void TagIOStream::FillCaches() {
 }
 
 long TagIOStream::Size() const {
-    return zip_.GetCurrentFileSize();
+    return size_;
 }
 
 TagLib::FileName TagIOStream::name() const {

@@ -57,4 +57,5 @@ private:
     char tail_[kTailSize];
     int tail_length_ = 0;
     int cache_position_ = -1;  // -1: reads go to the zip reader
+    long size_ = 0;            // the member's size, or the zip reader's code when not open
 };

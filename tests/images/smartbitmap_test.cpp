@@ -109,6 +109,98 @@ TEST(SmartBitmap, LoadsEveryFormatAndDepthAndRefusesTruncatedFiles) {
     }
 }
 
+// Little-endian fields of the hand-made headers below.
+std::string Le(uint32_t value, int bytes) {
+    std::string out;
+    for (int i = 0; i < bytes; ++i)
+        out += static_cast<char>(value >> (8 * i));
+    return out;
+}
+
+void WriteBytes(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+// Files of a few hundred bytes whose headers claim 65535 x 65535 pixels, or strips of gigabytes
+// (the fuzzer's finds): the decoders allocated that much before they looked at a pixel. They are
+// refused.
+TEST(SmartBitmap, RefusesFilesThatClaimHugePictures) {
+    const std::string dir = "/tmp/images/";
+    ::mkdir(dir.c_str(), 0755);
+    const std::string png_signature("\x89PNG\r\n\x1a\n", 8);
+    const std::string ihdr(
+        "\x00\x00\x00\x0d"
+        "IHDR\x00\x00\xff\xff\x00\x00\xff\xff\x08\x00\x00\x00"
+        "\x00\x93\x6e\x86\x8c",
+        25);
+    const std::string idat(
+        "\x00\x00\x00\x0c"
+        "IDAT\x78\x9c\x63\x60\xa0\x3d\x00\x00\x00\x64\x00"
+        "\x01\x86\x64\x3c\x35",
+        24);
+    WriteBytes(dir + "huge.png",
+               png_signature + ihdr + idat + std::string("\0\0\0\0IEND\xae\x42\x60\x82", 12));
+
+    // Run-length BMP: the end-of-bitmap mark right after a one-colour palette.
+    WriteBytes(dir + "huge.bmp", "BM" + Le(60, 4) + Le(0, 4) + Le(58, 4) + Le(40, 4) +
+                                     Le(65535, 4) + Le(65535, 4) + Le(1, 2) + Le(8, 2) + Le(1, 4) +
+                                     Le(2, 4) + Le(0, 4) + Le(0, 4) + Le(1, 4) + Le(0, 4) +
+                                     Le(0, 4) + std::string("\0\x01", 2));
+
+    // TIFF with 8-bit grey strips of 65535 rows, the first holding one byte.
+    std::string tiff = "II*" + std::string(1, '\0') + Le(8, 4) + Le(8, 2);
+    const uint32_t data_at = 8 + 2 + 8 * 12 + 4;
+    const uint32_t fields[][3] = {{256, 3, 65535}, {257, 3, 65535}, {258, 3, 8},
+                                  {259, 3, 1},     {262, 3, 1},     {273, 4, data_at},
+                                  {278, 3, 65535}, {279, 4, 1}};  // tag, type, value
+    for (const auto& [tag, type, value] : fields)
+        tiff += Le(tag, 2) + Le(type, 2) + Le(1, 4) + Le(value, 4);
+    WriteBytes(dir + "huge.tif", tiff + Le(0, 4) + "\x80");
+
+    // A real JPEG whose frame header is made to say 65500 x 65500.
+    Convert("-size 8x8 xc:gray " + dir + "small.jpg");
+    std::ifstream in(dir + "small.jpg", std::ios::binary);
+    std::string jpeg((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const size_t frame = jpeg.find("\xff\xc0");
+    ASSERT_NE(std::string::npos, frame);
+    jpeg.replace(frame + 5, 4, "\xff\xdc\xff\xdc");
+    WriteBytes(dir + "huge.jpg", jpeg);
+
+    // A TIFF of a small picture whose strips claim 2 GiB: libtiff allocated them as described.
+    const std::string strips(
+        "\x49\x49\x2a\x00\x34\x00\x00\x00\x80\x00\x20\x50\x38\x24\x16\x0d\x04\x10\x41\xe1\x50\xa2"
+        "\x04\x2e"
+        "\x1d\x04\x30\x43\xe2\x48\x08\x94\x39\xfe\x9f\x8a\xc2\xdf\xeb\xf8\xcc\x29\xfe\xdf\x8e\xc1"
+        "\xdf\xef"
+        "\xf9\x0c\x1a\x02\x10\x00\x00\x01\x03\x00\x01\x00\x00\x00\x01\x1f\x00\x00\x01\x01\x03\x00"
+        "\x01\x00"
+        "\x00\x00\x09\x00\x00\x00\x02\x01\x03\x00\x01\x00\x00\x00\x10\x00\x00\x00\x03\x01\x03\x00"
+        "\x01\x00"
+        "\x00\x00\x05\x00\x00\x00\x06\x01\x03\x00\x01\x00\x00\x00\x01\x00\x00\x00\x0a\x01\x03\x00"
+        "\x00\xf9"
+        "\x00\x00\x01\x00\x00\x00\x11\x01\x04\x00\x01\x00\x00\x00\x08\x00\x00\x00\x12\x01\x03\x00"
+        "\x01\x00"
+        "\x00\x00\x01\x00\x00\x00\x15\x01\x03\x00\x01\x00\x00\x00\x01\x40\x00\x00\x16\x01\x03\x00"
+        "\x01\x00"
+        "\x00\x00\x09\x00\x00\x00\x17\x01\x04\x00\x01\x00\x00\x00\x2c\x00\x00\x00\x1c\x01\x03\x00"
+        "\x01\x00"
+        "\x00\x00\x01\x00\x00\x00\x29\x01\x03\x00\x02\x00\x00\x00\x00\x00\x01\x00\x3d\x01\x03\x00"
+        "\x01\x00"
+        "\x00\x00\x02\x00\x00\x00\x3e\x01\x05\x00\x02\x00\x00\x00\x2a\x01\x00\x00\x3f\x01\x05\x00"
+        "\x06\x00"
+        "\x00\x00\x00\x00\x00\x00\x02\xcd\xcc\x4c\x00\x00\x00\x00\x01\xcd\xcc\x4c\x00\x01\xff\xd8"
+        "\xff\xe0"
+        "\x00\x46\x00\x00\x80\x00\xcd\xcc\x4c\x00\x00\x00\x00\x02\x8f\xc2\xf5\x00\x10\x89\x50\x4e",
+        286);
+    WriteBytes(dir + "huge-strips.tif", strips);
+
+    for (const char* name : {"huge.png", "huge.bmp", "huge.tif", "huge.jpg", "huge-strips.tif"}) {
+        SmartBitmap image;
+        EXPECT_FALSE(image.Load(dir + name, false)) << name;
+        EXPECT_EQ(nullptr, image.GetBitmap()) << name;
+    }
+}
+
 TEST(SmartBitmap, ExtensionDecidesTheDecoder) {
     const std::string base = qvtest::HalfBlackPicture();
     Convert(base + " /tmp/images/real.bmp");

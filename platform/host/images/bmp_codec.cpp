@@ -36,7 +36,7 @@ bool ReadLayout(const std::vector<uint8_t>& file, BmpLayout* out) {
     const int32_t width = static_cast<int32_t>(Le(file, 18, 4));
     const int32_t height = static_cast<int32_t>(Le(file, 22, 4));
     const uint32_t bits = Le(file, 28, 2), compression = Le(file, 30, 4);
-    if (width < 1 || width > 65535 || height == 0 || height < -65535 || height > 65535)
+    if (!WithinPixelBudget(width < 0 ? 0 : width, height < 0 ? -int64_t{height} : height))
         return false;
     if (bits != 1 && bits != 4 && bits != 8 && bits != 24 && bits != 32) return false;
     const bool rle = (compression == kRle8 && bits == 8) || (compression == kRle4 && bits == 4);

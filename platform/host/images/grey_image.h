@@ -10,6 +10,15 @@
 
 namespace qvhost {
 
+// The most pixels a decoder takes on. A file's header names its size before any pixel data, so a
+// file of a few bytes could otherwise make the decoder allocate gigabytes (and throw out of a C
+// entry point). 32 Mpx is more than ten device screens, and a larger photo than covers come as.
+constexpr uint64_t kMaxDecodedPixels = uint64_t{1} << 25;
+inline bool WithinPixelBudget(uint64_t width, uint64_t height) {
+    return width >= 1 && height >= 1 && width <= 65535 && height <= 65535 &&
+           width * height <= kMaxDecodedPixels;
+}
+
 struct GreyImage {
     int width = 0;
     int height = 0;

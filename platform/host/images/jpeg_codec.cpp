@@ -42,6 +42,10 @@ bool Decode(std::FILE* file, GreyImage* image) {
     jpeg_create_decompress(&info);
     jpeg_stdio_src(&info, file);
     jpeg_read_header(&info, TRUE);
+    if (!WithinPixelBudget(info.image_width, info.image_height)) {
+        jpeg_destroy_decompress(&info);
+        return false;
+    }
     info.out_color_space = JCS_GRAYSCALE;
     jpeg_start_decompress(&info);
     image->width = static_cast<int>(info.output_width);

@@ -21,6 +21,10 @@ GreyImage ReadPng(const char* path) {
     std::memset(&png, 0, sizeof png);
     png.version = PNG_IMAGE_VERSION;
     if (!png_image_begin_read_from_file(&png, path)) return image;
+    if (!WithinPixelBudget(png.width, png.height)) {
+        png_image_free(&png);
+        return image;
+    }
     png.format = PNG_FORMAT_GRAY;
     std::vector<uint8_t> pixels(PNG_IMAGE_SIZE(png));
     png_color white{255, 255, 255};

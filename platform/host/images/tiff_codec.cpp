@@ -21,7 +21,12 @@ GreyImage ReadTiff(const char* path) {
     uint32_t width = 0, height = 0;
     TIFFGetField(tiff.get(), TIFFTAG_IMAGEWIDTH, &width);
     TIFFGetField(tiff.get(), TIFFTAG_IMAGELENGTH, &height);
-    if (width < 1 || height < 1 || width > 65535 || height > 65535) return image;
+    if (!WithinPixelBudget(width, height)) return image;
+    // libtiff sizes its own buffers by the strip or tile the file describes, which a few bytes of
+    // header can make gigabytes whatever the picture's size.
+    const uint64_t chunk =
+        TIFFIsTiled(tiff.get()) ? TIFFTileSize64(tiff.get()) : TIFFStripSize64(tiff.get());
+    if (chunk == 0 || chunk > 8 * kMaxDecodedPixels) return image;
     std::vector<uint32_t> raster(static_cast<size_t>(width) * height);
     if (!TIFFReadRGBAImageOriented(tiff.get(), width, height, raster.data(), ORIENTATION_TOPLEFT,
                                    1))
