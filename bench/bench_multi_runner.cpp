@@ -228,7 +228,7 @@ int main(int argc, char** argv) {
         {{"runner/plain multi 500 small GETs", "small_500/runner", "small_500/plain_multi", 0.10},
          {"runner/curl --parallel 500 small GETs", "small_500/runner", "small_500/curl_program", 0},
          {"runner/plain multi 20 x 10 MB", "big_20x10mb/runner", "big_20x10mb/plain_multi", 0.10},
-         {"runner/curl --parallel 20 x 10 MB", "big_20x10mb/runner", "big_20x10mb/curl_program", 0}}});
+         {"runner/curl --parallel 20 x 10 MB", "big_20x10mb/runner", "big_20x10mb/curl_program", 0}});
     g_server.reset();
     curl_global_cleanup();
     return rc;
