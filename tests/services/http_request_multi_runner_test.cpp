@@ -111,6 +111,7 @@ TEST_F(MultiRunner, TwoHundredMixedRequestsEachCallOnceWhileTheCallerSleeps) {
     ASSERT_TRUE(SleepUntil([&] { return finished == expected.size(); }, std::chrono::seconds(90)))
         << finished << " of " << expected.size();
     qvhost_platform_usleep(100000);  // nothing may be told twice
+    ASSERT_TRUE(server_.Running()) << "the test server ended; it printed:\n" << server_.Output();
 
     for (size_t i = 0; i < expected.size(); ++i) {
         const Outcome& outcome = outcomes[i];

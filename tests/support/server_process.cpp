@@ -104,6 +104,10 @@ std::string ServerProcess::Output() const {
     return child_.OutputSoFar();
 }
 
+bool ServerProcess::Running() const {
+    return !HasEnded(child_.pid());
+}
+
 std::string HttpTestServerProgram() {
 #ifdef QV_HOST_HTTP_SERVER
     // A cross build's tests talk to the host's build of the server: a 32-bit one cannot even

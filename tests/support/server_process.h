@@ -29,6 +29,9 @@ public:
     int Port(const std::string& listener) const;
     // Everything the program printed so far (its log, for failure messages).
     std::string Output() const;
+    // Whether the program still runs: a test whose transfers fail all at once asks this first,
+    // so that a server that died is told apart from a client that failed.
+    bool Running() const;
 
 private:
     ChildProcess child_;
@@ -51,6 +54,7 @@ public:
     // How many requests reached a route so far (read from the server).
     long RequestCount() const;
     std::string Output() const { return process_.Output(); }
+    bool Running() const { return process_.Running(); }
 
 private:
     ServerProcess process_;

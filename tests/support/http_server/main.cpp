@@ -21,6 +21,7 @@
 #include <signal.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -134,6 +135,17 @@ std::unique_ptr<httplib::SSLServer> MakeTlsServer(const Options& options) {
     return std::make_unique<httplib::SSLServer>(tls.cert.get(), tls.key.get());
 }
 
+// The library's accept loop gives up on the first error it does not expect and closes the
+// listener, and the routes still streaming see the server as stopping. A test would then read
+// refused connections and cut bodies with no hint why; this says it, and ends the server.
+void ListenUntilStopped(httplib::Server& server, const char* what) {
+    if (server.listen_after_bind()) return;
+    int error = errno;
+    std::fprintf(stderr, "test_http_server: the %s listener stopped by itself: %s\n", what,
+                 std::strerror(error));
+    std::_Exit(3);
+}
+
 sigset_t StopSignals() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -165,8 +177,8 @@ int Serve(int argc, char** argv) {
     plain_listener.WidenBacklog("plain");
     secure_listener.WidenBacklog("TLS");
 
-    std::thread plain_thread([&plain] { plain.listen_after_bind(); });
-    std::thread secure_thread([&secure] { secure.listen_after_bind(); });
+    std::thread plain_thread([&plain] { ListenUntilStopped(plain, "plain"); });
+    std::thread secure_thread([&secure] { ListenUntilStopped(secure, "TLS"); });
     std::cout << "http " << plain_port << "\nhttps " << secure_port << "\nready" << std::endl;
 
     int received = 0;
