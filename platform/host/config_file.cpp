@@ -195,6 +195,9 @@ ConfigDocument ConfigDocument::Parse(const std::string& text) {
         if (!line.empty() && line.back() == '\r') line.pop_back();
         auto eq = line.find('=');
         std::string key = eq == std::string::npos ? std::string() : Trim(line.substr(0, eq));
+        // Keys travel as C strings: one holding a zero byte would be taken for the key its first
+        // bytes spell. Such a line is kept as it stands, like any line that is not a key.
+        if (key.find('\0') != std::string::npos) key.clear();
         if (key.empty()) {
             doc.lines_.push_back({{}, line});
         } else {

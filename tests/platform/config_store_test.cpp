@@ -135,6 +135,18 @@ TEST(ConfigStore, SaveKeepsOrderAndCommentsAndRoundTripsAnyValue) {
     WriteString(marked.get(), "\xEF\xBB\xBFkey", "v");
     ASSERT_EQ(SaveConfig(marked.get()), 0);
     EXPECT_EQ(Read(Open().get(), "\xEF\xBB\xBFkey"), "v");
+
+    // A line whose key holds a zero byte names no key a caller can ask for: it neither shadows
+    // the key its first bytes spell nor is lost by a save (found by fuzz_config and
+    // fuzz_wifi_config; this key falls into the bucket of "language").
+    WriteFile(std::string("language=de\nlanguage\0usAAAAA_status= \r\n", 39));
+    Config zeroed = Open();
+    using Map = std::map<std::string, std::string>;
+    EXPECT_EQ(WalkTable(zeroed.get(), 1), (Map{{"language", "de"}}));
+    WriteString(zeroed.get(), "language", "fr");
+    ASSERT_EQ(SaveConfig(zeroed.get()), 0);
+    EXPECT_EQ(Read(Open().get(), "language"), "fr");
+    EXPECT_NE(FileText().find(std::string("language\0usAAAAA_status= \n", 26)), std::string::npos);
 }
 
 TEST(ConfigStore, SecretsStayOutOfPlainSight) {
