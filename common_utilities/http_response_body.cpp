@@ -15,9 +15,13 @@ namespace {
 
 constexpr uintptr_t kPage = 4096;  // the smallest page of the systems the library runs on
 constexpr uintptr_t kLargePage = 2u << 20;
-// glibc gives every block from 32 MiB up a mapping of its own (16 MiB on 32-bit systems), so
-// the advice never reaches memory that later serves other allocations.
-constexpr size_t kAdviseFrom = 32u << 20;
+// From here a buffer holds at least one whole large page. A buffer this size may come from the
+// heap rather than a mapping of its own (glibc maps every block from 32 MiB, and smaller ones
+// until a block of their size was freed); the advice costs no memory there either: the body
+// fills every page it reserved (one that ends far short gives the room back), pages the heap
+// had touched before keep their size, and the advised range leaves with the heap's top when it
+// shrinks.
+constexpr size_t kAdviseFrom = 4u << 20;
 // A reservation left unused by more than this, and by more than the body itself, is given back.
 constexpr size_t kUnusedKept = 1u << 20;
 // How far ahead of the arrived bytes the pages of a buffer are faulted in.
