@@ -4,7 +4,6 @@
 #include <dirent.h>
 #include <strings.h>
 
-#include <cstdio>
 #include <fstream>
 #include <sstream>
 
@@ -58,16 +57,17 @@ void CollectDirectory(const char* path, bool with_playlists, std::vector<Track>&
     while (const dirent* entry = ::readdir(dir)) {
         std::string name = entry->d_name;
         if (name[0] == '.') continue;
-        char full[1024];
-        std::snprintf(full, sizeof full, "%s/%s", path, entry->d_name);
+        // Whole, however long: a path cut to a fixed buffer could name the folder being walked,
+        // and the walk would then descend into it without end.
+        const std::string full = std::string(path) + "/" + entry->d_name;
         if (entry->d_type & 4) {
-            CollectDirectory(full, with_playlists, result);
+            CollectDirectory(full.c_str(), with_playlists, result);
         } else if (with_playlists && (HasExtension(name, ".m3u") || HasExtension(name, ".m3u8"))) {
             for (Track& track : MediaLibraryManager::LoadPlayList(full)) {
                 result.push_back(std::move(track));
             }
         } else if (HasExtension(name, ".mp3")) {
-            result.emplace_back(full, entry->d_name);
+            result.emplace_back(full.c_str(), entry->d_name);
         }
     }
     ::closedir(dir);

@@ -6,7 +6,6 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <list>
 #include <set>
 
@@ -195,8 +194,8 @@ void AudioBooksManager::scanDirectoryForOtherChapters(const std::string& folder,
     if (!dir) return;
     while (const dirent* entry = ::readdir(dir)) {
         if ((entry->d_type & 4) != 0 || !EndsWithIgnoringCase(entry->d_name, extension)) continue;
-        char full[1024];
-        std::snprintf(full, sizeof full, "%s/%s", folder.c_str(), entry->d_name);
+        // Whole, however long: a path cut short would name another file.
+        const std::string full = folder + "/" + entry->d_name;
         std::vector<Track>& group = pending_tracks_[key];
         if (HasTrack(group, full)) continue;
         Track track = ReadTrack(full);

@@ -146,4 +146,25 @@ TEST(PlaylistTest, ListsFromFoldersTakeMp3sAndOptionallyPlaylists) {
     EXPECT_TRUE(MediaLibraryManager::playListFromDirectory("/mnt/ext1/none", true).empty());
 }
 
+// A folder whose path fills 1023 bytes: "<folder>/<name>" cut to fit a 1024-byte buffer would name
+// the folder itself, and walking it again would never end.
+TEST(PlaylistTest, FoldersDeeperThanAKilobyteKeepWholePaths) {
+    std::string deep = "/mnt/ext1/Deep";
+    ::mkdir(deep.c_str(), 0755);
+    while (deep.size() < 1023) {
+        deep += "/" + std::string(std::min<size_t>(200, 1023 - deep.size() - 1), 'd');
+        ASSERT_EQ(0, ::mkdir(deep.c_str(), 0755)) << deep.size();
+    }
+    ASSERT_EQ(deep.size(), 1023u);
+    ::mkdir((deep + "/x").c_str(), 0755);
+    Write(deep + "/x/a.mp3", "");
+    Write(deep + "/b.mp3", "");
+
+    auto tracks = MediaLibraryManager::playListFromDirectory("/mnt/ext1/Deep", false);
+    std::vector<std::string> paths;
+    for (const auto& track : tracks) paths.push_back(track.path);
+    std::sort(paths.begin(), paths.end());
+    EXPECT_EQ(paths, (std::vector<std::string>{deep + "/b.mp3", deep + "/x/a.mp3"}));
+}
+
 }  // namespace
