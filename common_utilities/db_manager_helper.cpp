@@ -5,9 +5,13 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <string>
 
 #include "boardprofile.h"
 #include "common_utilities/serialization_utils.h"
@@ -29,8 +33,8 @@ const char* const kPragmas[] = {
     "PRAGMA temp_store = 2", "PRAGMA locking_mode = NORMAL",
 };
 
-// Every command of an upgrade is formatted into one buffer of this size.
-constexpr size_t kCommandSize = 1024;
+// The longest name a directory of /tmp may have.
+constexpr size_t kLongestName = 255;
 // More version steps than any archive holds.
 constexpr long long kMaxVersionSteps = 1000;
 
@@ -72,8 +76,37 @@ bool TakeCorruptionMarker(const std::string& key) {
     return false;
 }
 
-int RunCommand(const char* command) {
-    return std::system(command);
+int RunCommand(const std::string& command) {
+    return std::system(command.c_str());
+}
+
+// `text` as one word of a shell command: as it stands when it holds nothing the shell reads
+// specially, else in single quotes. A database in "My Notes" must not have the scripts run on a
+// file "My", and a name holding ";" or "$(" must not run anything.
+std::string ShellWord(const std::string& text) {
+    const bool plain = !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) || std::strchr("/._-+,:=@%", c);
+    });
+    if (plain) return text;
+    std::string quoted = "'";
+    for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
+// The working directory of an upgrade: "/tmp/<tmp>", where <tmp> is the hex form of the file's
+// path. That is twice the path's length, and from a path of 128 bytes on it is longer than a
+// directory name can be, which left such files without any upgrade (and so replaced them): a
+// long <tmp> is cut into directories of the longest name instead.
+std::string WorkDir(const std::string& tmp) {
+    std::string dir = "/tmp";
+    for (size_t at = 0; at < tmp.size(); at += kLongestName) {
+        dir += "/" + tmp.substr(at, kLongestName);
+    }
+    return dir;
+}
+
+std::string StepScript(const std::string& tmp, unsigned from, unsigned to, const char* kind) {
+    return WorkDir(tmp) + "/" + std::to_string(from) + "to" + std::to_string(to) + kind;
 }
 
 bool Readable(const char* path) {
@@ -83,24 +116,23 @@ bool Readable(const char* path) {
 // One step of an upgrade or a downgrade: "<from>to<to>.sql" through the sqlite3 shell, else
 // "<from>to<to>.sh" as a program. A missing step is no error yet: later steps may still reach the
 // version.
+// Commands are built whole, however long the paths: cut to a fixed buffer, they would run the
+// scripts on another file or remove another directory.
 void RunVersionStep(const std::string& tmp, unsigned from, unsigned to, const std::string& db) {
-    char script[kCommandSize];
-    char command[kCommandSize];
-    std::snprintf(script, sizeof script, "/tmp/%s/%uto%u.sql", tmp.c_str(), from, to);
-    if (Readable(script)) {
-        std::fprintf(stderr, "Use script '%s'\n", script);
-        std::snprintf(command, sizeof command, "cat /tmp/%s/%uto%u.sql|%s -echo -batch %s",
-                      tmp.c_str(), from, to, kSqliteShell, db.c_str());
-        RunCommand(command);
+    std::string script = StepScript(tmp, from, to, ".sql");
+    if (Readable(script.c_str())) {
+        std::fprintf(stderr, "Use script '%s'\n", script.c_str());
+        RunCommand("cat " + ShellWord(script) + "|" + kSqliteShell + " -echo -batch " +
+                   ShellWord(db));
         return;
     }
-    std::snprintf(script, sizeof script, "/tmp/%s/%uto%u.sh", tmp.c_str(), from, to);
-    if (!Readable(script)) {
-        std::fprintf(stderr, "Cant read %s\n", script);
+    script = StepScript(tmp, from, to, ".sh");
+    if (!Readable(script.c_str())) {
+        std::fprintf(stderr, "Cant read %s\n", script.c_str());
         return;
     }
-    std::fprintf(stderr, "Use script '%s'\n", script);
-    RunCommand(script);
+    std::fprintf(stderr, "Use script '%s'\n", script.c_str());
+    RunCommand(ShellWord(script));
 }
 
 }  // namespace
@@ -244,7 +276,6 @@ int DbManagerHelper::FixVersion(Sqlite& db) {
     const int current = GetVersion(db);
     const std::string tmp = SerializationUtils::ToHex(setup_path_);
     const auto expected = static_cast<unsigned>(version);
-    char command[kCommandSize];
 
     int step = 0;
     if (current < version) {
@@ -264,9 +295,8 @@ int DbManagerHelper::FixVersion(Sqlite& db) {
         }
     }
 
-    std::snprintf(command, sizeof command, "mkdir -p /tmp/%s; tar xzvf %s -C /tmp/%s", tmp.c_str(),
-                  scripts_archive.c_str(), tmp.c_str());
-    RunCommand(command);
+    const std::string work = ShellWord(WorkDir(tmp));
+    RunCommand("mkdir -p " + work + "; tar xzvf " + ShellWord(scripts_archive) + " -C " + work);
 
     // A version number from a damaged row can lie billions of steps away; no archive bridges
     // that, and walking it would hold up the application's start for hours.
@@ -287,8 +317,7 @@ int DbManagerHelper::FixVersion(Sqlite& db) {
     }
 
     const int reached = GetVersion(db);
-    std::snprintf(command, sizeof command, "rm -rf /tmp/%s", tmp.c_str());
-    RunCommand(command);
+    RunCommand("rm -rf " + ShellWord("/tmp/" + tmp.substr(0, kLongestName)));
     return reached == version ? 0 : -1;
 }
 

@@ -239,6 +239,38 @@ TEST_F(DbSetup, AnotherPathIsSetUpAndUpgradedInsteadOfTheHelpersOwn) {
     EXPECT_FALSE(Exists("/tmp/" + SerializationUtils::ToHex(other)));
 }
 
+// Paths the shell would split or read, and a path whose hex form is longer than a directory name:
+// each file is upgraded in place, with its scripts from an archive whose path has a space too.
+TEST_F(DbSetup, UpgradesReachFilesWhateverTheirPaths) {
+    const std::string archive = "/zelgrot/share/notes test/scripts.tar.gz";
+    MakeScriptsArchive(archive, {{"1to2.sql",
+                                  "ALTER TABLE notes ADD COLUMN stars INTEGER DEFAULT 5;\n"
+                                  "UPDATE version SET id = 2;\n"}});
+    const std::string dir = "/mnt/ext1/system/";
+    for (const std::string& path :
+         {dir + "My Notes/notes.db", dir + "Jo's $(touch pwned);x/notes.db",
+          dir + std::string(200, 'n') + "/" + std::string(200, 'm') + ".db"}) {
+        SCOPED_TRACE(path);
+        {
+            DbManagerHelper first = Helper(1);
+            ASSERT_EQ(0, first.GetDb(db, path));
+            EXPECT_EQ(kDone, db.exec("INSERT INTO notes(body) VALUES('note')"));
+            db.close();
+        }
+        const unsigned long inode = Inode(path);
+        DbManagerHelper helper(kPath, kKey, 2, archive, Schema(2));
+        StderrCapture err;
+        ASSERT_EQ(0, helper.GetDb(db, path));
+        db.close();
+        EXPECT_EQ(inode, Inode(path));
+        EXPECT_EQ("5", QueryOne(path, "SELECT stars FROM notes WHERE body = 'note'"));
+        EXPECT_FALSE(Exists("/tmp/" + SerializationUtils::ToHex(path).substr(0, 255)));
+    }
+    EXPECT_FALSE(Exists(dir + "My"));
+    EXPECT_FALSE(Exists("pwned"));
+    EXPECT_FALSE(Exists("/tmp/pwned"));
+}
+
 TEST_F(DbSetup, SchemaRunsInOneTransaction) {
     std::vector<std::string> schema = Schema(1);
     schema.insert(schema.begin() + 3, "CREATE TABLE half(x) WITH A TYPO");
